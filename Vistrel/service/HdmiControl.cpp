@@ -1,0 +1,207 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+#define LOG_TAG "HDMI-HIDL-Vistrel"
+
+#include <VistrelLib.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <cutils/properties.h>
+#include <log/log.h>
+
+#include "ServiceCall.h"
+
+namespace mirova {
+
+using ::android::Mutex;
+using ::android::sp;
+using ::android::wp;
+using ::android::hardware::hidl_string;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+
+namespace {
+
+constexpr const char* kServiceStartProperty = "vendor.mirova.hdmi.service.start";
+constexpr useconds_t kServicePollUs = 100000;
+
+// The first command-line argument of process `pid`; empty when unreadable.
+std::string processName(int32_t pid) {
+    char path[128];
+    snprintf(path, sizeof(path), "/proc/%d/cmdline", pid);
+    char name[128];
+    memset(name, 0, sizeof(name));
+    FILE* file = fopen(path, "r");
+    if (file != nullptr) {
+        if (fgets(name, sizeof(name), file) == nullptr) name[0] = '\0';
+        fclose(file);
+    }
+    return std::string(name);  // up to the first NUL: the first argument
+}
+
+}  // namespace
+
+HdmiControl::HdmiControl(Vistrel* owner) : mOwner(owner), mPid(getpid()) {
+    ALOGD("HdmiControl()");
+}
+
+HdmiControl::~HdmiControl() {
+    Mutex::Autolock _l(mCallbackLock);
+    ALOGD("~HdmiControl() %p", this);
+    if (!mWithdrawn) removeCallbackLocked();
+}
+
+sp<IHdmiUtil> HdmiControl::tryGetService() {
+    Mutex::Autolock _l(mServiceLock);
+    if (mService == nullptr) {
+        char value[PROPERTY_VALUE_MAX];
+        property_get(kServiceStartProperty, value, "0");
+        if (atoi(value) >= 1) {
+            sp<IHdmiUtil> service = IHdmiUtil::tryGetService("default", false);
+            if (service != nullptr) {
+                attachService(service);
+            } else {
+                ALOGE("process [%s] get service failed", processName(mPid).c_str());
+            }
+        }
+    }
+    return mService;
+}
+
+void HdmiControl::attachService(const sp<IHdmiUtil>& service) {
+    ++mGeneration;
+    mService = service;
+    mServiceRaw.store(service.get(), std::memory_order_release);
+    // The generation tells a stale death notice from one about this service.
+    valueOr("linkToDeath", service->linkToDeath(this, mGeneration), false);
+    // A restarted service knows nothing of the registration made with the old one.
+    if (mRegistered) registerWith(service.get());
+}
+
+IHdmiUtil* HdmiControl::getService() {
+    IHdmiUtil* service = mServiceRaw.load(std::memory_order_acquire);
+    if (service != nullptr) return service;
+    for (;;) {
+        sp<IHdmiUtil> acquired = tryGetService();
+        if (acquired != nullptr) return acquired.get();
+        usleep(kServicePollUs);
+    }
+}
+
+sp<IHdmiUtil> HdmiControl::getServiceRef() {
+    for (;;) {
+        sp<IHdmiUtil> acquired = tryGetService();
+        if (acquired != nullptr) return acquired;
+        usleep(kServicePollUs);
+    }
+}
+
+void HdmiControl::registerWith(IHdmiUtil* service) {
+    hidl_string name(processName(mPid));
+    completed("setCallback", service->setCallback(mPid, name, this));
+}
+
+void HdmiControl::setCallback() {
+    Mutex::Autolock _l(mCallbackLock);
+    sp<IHdmiUtil> service = getServiceRef();
+    {
+        Mutex::Autolock _s(mServiceLock);
+        mRegistered = true;
+    }
+    registerWith(service.get());
+}
+
+void HdmiControl::removeCallback() {
+    Mutex::Autolock _l(mCallbackLock);
+    removeCallbackLocked();
+}
+
+void HdmiControl::removeCallbackLocked() {
+    sp<IHdmiUtil> service = getServiceRef();
+    {
+        Mutex::Autolock _s(mServiceLock);
+        mRegistered = false;
+    }
+    completed("removeCallback", service->removeCallback(mPid));
+}
+
+void HdmiControl::withdrawOnRelease() {
+    Mutex::Autolock _l(mCallbackLock);
+    removeCallbackLocked();
+    mWithdrawn = true;
+}
+
+Return<void> HdmiControl::handleEvent(int32_t event, int32_t param1, int32_t param2,
+                                      int32_t param3, int64_t param4) {
+    Mutex::Autolock _l(mOwnerLock);
+    if (mOwner == nullptr) {
+        ALOGW("[HDMIEVNT][%s] event %d dropped: library object released", "handleEvent", event);
+        return Void();
+    }
+    ALOGD("[HDMIEVNT][%s] callback %p callback2 %p event %d", "handleEvent",
+          mOwner->mCallback.load(), mOwner->mCallback2.load(), event);
+    mOwner->queueEvent({event, param1, param2, param3, param4});
+    return Void();
+}
+
+void HdmiControl::serviceDied(uint64_t cookie, const wp<::android::hidl::base::V1_0::IBase>&) {
+    Vistrel* owner = pinOwner();
+    if (owner == nullptr) {
+        clearService(cookie);
+        return;
+    }
+    {
+        Mutex::Autolock _l(owner->mLock);
+        ALOGW("%s:E", "serviceDied");
+        clearService(cookie);
+    }
+    unpinOwner();
+}
+
+void HdmiControl::clearService(uint64_t generation) {
+    sp<IHdmiUtil> dead;
+    Mutex::Autolock _l(mServiceLock);
+    // A notice about a service already replaced leaves the new one alone.
+    if (generation != mGeneration || mService == nullptr) return;
+    mServiceRaw.store(nullptr, std::memory_order_release);
+    dead = mService;
+    mService.clear();
+}
+
+Vistrel* HdmiControl::pinOwner() {
+    Mutex::Autolock _l(mOwnerLock);
+    if (mOwner != nullptr) ++mOwnerPins;
+    return mOwner;
+}
+
+void HdmiControl::unpinOwner() {
+    Mutex::Autolock _l(mOwnerLock);
+    if (--mOwnerPins == 0) mOwnerUnpinned.broadcast();
+}
+
+void HdmiControl::detach() {
+    Mutex::Autolock _l(mOwnerLock);
+    mOwner = nullptr;
+    while (mOwnerPins > 0) mOwnerUnpinned.wait(mOwnerLock);
+}
+
+}  // namespace mirova

@@ -1,0 +1,226 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// The interface library of vendor.mirova.hdmiutil.provider@1.0 on the host:
+// descriptors, service lookup and registration, and the proxy that stands
+// for the binder between a client and the service.
+
+#define LOG_TAG "vendor.mirova.hdmiutil.provider@1.0"
+
+#include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
+#include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtilCallback.h>
+
+#include <memory>
+#include <utility>
+
+#include <hidl/HostServiceRegistry.h>
+#include <log/log.h>
+
+namespace vendor {
+namespace mirova {
+namespace hdmiutil {
+namespace provider {
+namespace V1_0 {
+
+using ::android::sp;
+using ::android::wp;
+using ::android::hardware::hidl_array;
+using ::android::hardware::hidl_death_recipient;
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_string;
+using ::android::hardware::Return;
+using ::android::hardware::host::ServiceEntry;
+
+const char* IHdmiUtil::descriptor = "vendor.mirova.hdmiutil.provider@1.0::IHdmiUtil";
+const char* IHdmiUtilCallback::descriptor =
+        "vendor.mirova.hdmiutil.provider@1.0::IHdmiUtilCallback";
+
+namespace {
+
+// The client's end of the connection. While the service lives, each call
+// reaches it as one transaction; after its death every call fails in
+// transport with DEAD_OBJECT and result callbacks are not called.
+class BpHwHdmiUtil : public IHdmiUtil {
+  public:
+    BpHwHdmiUtil(std::shared_ptr<ServiceEntry> entry, sp<IHdmiUtil> service)
+        : mEntry(std::move(entry)), mService(std::move(service)) {}
+
+    bool isRemote() const override { return true; }
+
+    Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient,
+                             uint64_t cookie) override {
+        return mEntry->linkToDeath(recipient, cookie, wp<IBase>(this));
+    }
+    Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
+        return mEntry->unlinkToDeath(recipient);
+    }
+    Return<void> ping() override {
+        if (!mEntry->isAlive()) return ::android::hardware::host::deadObjectStatus();
+        return ::android::hardware::Void();
+    }
+
+// Forwards one call to the live service, or fails it as a dead binder does.
+#define VISTREL_FORWARD(call)                                                     \
+    do {                                                                          \
+        if (!mEntry->isAlive()) return ::android::hardware::host::deadObjectStatus(); \
+        return mService->call;                                                    \
+    } while (0)
+
+    Return<void> setCallback(int32_t pid, const hidl_string& processName,
+                             const sp<IHdmiUtilCallback>& callback) override {
+        VISTREL_FORWARD(setCallback(pid, processName, callback));
+    }
+    Return<void> removeCallback(int32_t pid) override { VISTREL_FORWARD(removeCallback(pid)); }
+    Return<void> readOutputFormat(readOutputFormat_cb cb) override {
+        VISTREL_FORWARD(readOutputFormat(cb));
+    }
+    Return<void> saveOutputFormat(const OutputFormat& fmt) override {
+        VISTREL_FORWARD(saveOutputFormat(fmt));
+    }
+    Return<int32_t> readEdidAutoMode() override { VISTREL_FORWARD(readEdidAutoMode()); }
+    Return<void> saveEdidAutoMode(int32_t mode) override {
+        VISTREL_FORWARD(saveEdidAutoMode(mode));
+    }
+    Return<bool> checkIfHDMIPlugged() override { VISTREL_FORWARD(checkIfHDMIPlugged()); }
+    Return<bool> getHDMIEDIDReady() override { VISTREL_FORWARD(getHDMIEDIDReady()); }
+    Return<void> getEDIDRawData(getEDIDRawData_cb cb) override {
+        VISTREL_FORWARD(getEDIDRawData(cb));
+    }
+    Return<bool> isTVSupport3D() override { VISTREL_FORWARD(isTVSupport3D()); }
+    Return<int32_t> setHDMIFormat3D(int32_t format3d, float param) override {
+        VISTREL_FORWARD(setHDMIFormat3D(format3d, param));
+    }
+    Return<int32_t> setOutputFormat(const OutputFormat& fmt, int32_t flags) override {
+        VISTREL_FORWARD(setOutputFormat(fmt, flags));
+    }
+    Return<void> getEDIDSupportList(getEDIDSupportList_cb cb) override {
+        VISTREL_FORWARD(getEDIDSupportList(cb));
+    }
+    Return<void> getCurrentOutputFormat(getCurrentOutputFormat_cb cb) override {
+        VISTREL_FORWARD(getCurrentOutputFormat(cb));
+    }
+    Return<void> setHDREotfMode(int32_t eotfMode) override {
+        VISTREL_FORWARD(setHDREotfMode(eotfMode));
+    }
+    Return<void> getColorSet(int32_t a, int32_t b, int32_t c, getColorSet_cb cb) override {
+        VISTREL_FORWARD(getColorSet(a, b, c, cb));
+    }
+    Return<void> reserved() override { VISTREL_FORWARD(reserved()); }
+    Return<void> saveColorModeEnum(int32_t colorMode) override {
+        VISTREL_FORWARD(saveColorModeEnum(colorMode));
+    }
+    Return<int32_t> readColorModeEnum() override { VISTREL_FORWARD(readColorModeEnum()); }
+    Return<int32_t> readHDRAutoProperty() override { VISTREL_FORWARD(readHDRAutoProperty()); }
+    Return<int32_t> checkHDRModeSupported(int32_t hdrMode) override {
+        VISTREL_FORWARD(checkHDRModeSupported(hdrMode));
+    }
+    Return<int32_t> isUnderDoviMode(int32_t value) override {
+        VISTREL_FORWARD(isUnderDoviMode(value));
+    }
+    Return<void> setHDMIEnable(int32_t enable) override { VISTREL_FORWARD(setHDMIEnable(enable)); }
+    Return<void> getTVCapInfo(getTVCapInfo_cb cb) override { VISTREL_FORWARD(getTVCapInfo(cb)); }
+    Return<void> getSinkCapability() override { VISTREL_FORWARD(getSinkCapability()); }
+    Return<int32_t> acquireLock(int32_t lockId) override { VISTREL_FORWARD(acquireLock(lockId)); }
+    Return<void> releaseLock(int32_t lockId) override { VISTREL_FORWARD(releaseLock(lockId)); }
+    Return<void> clearOneStepInfo() override { VISTREL_FORWARD(clearOneStepInfo()); }
+    Return<int32_t> getDiffSourceValue() override { VISTREL_FORWARD(getDiffSourceValue()); }
+    Return<int32_t> setDiffSourceValue(int32_t value) override {
+        VISTREL_FORWARD(setDiffSourceValue(value));
+    }
+    Return<void> setDisplayState(int32_t state) override {
+        VISTREL_FORWARD(setDisplayState(state));
+    }
+    Return<void> getHDRSupportList(getHDRSupportList_cb cb) override {
+        VISTREL_FORWARD(getHDRSupportList(cb));
+    }
+    Return<int32_t> envSupportsDv() override { VISTREL_FORWARD(envSupportsDv()); }
+    Return<void> setVRREnable(int32_t enable) override { VISTREL_FORWARD(setVRREnable(enable)); }
+    Return<int32_t> getVRREnabled() override { VISTREL_FORWARD(getVRREnabled()); }
+    Return<void> setVRRFps(int32_t fps) override { VISTREL_FORWARD(setVRRFps(fps)); }
+    Return<void> setPropVal(int32_t index, int32_t value) override {
+        VISTREL_FORWARD(setPropVal(index, value));
+    }
+    Return<int32_t> getPropVal(int32_t index) override { VISTREL_FORWARD(getPropVal(index)); }
+    Return<void> getHidlInfo(int32_t a, int32_t b) override { VISTREL_FORWARD(getHidlInfo(a, b)); }
+    Return<int32_t> isRuntimeDpHDMISupported() override {
+        VISTREL_FORWARD(isRuntimeDpHDMISupported());
+    }
+    Return<int32_t> getInterfaceType() override { VISTREL_FORWARD(getInterfaceType()); }
+    Return<bool> getForceOffVal() override { VISTREL_FORWARD(getForceOffVal()); }
+    Return<void> handleTopoInfo(const hHDRContentTopo& topo) override {
+        VISTREL_FORWARD(handleTopoInfo(topo));
+    }
+    Return<void> dumpState(const hidl_handle& fd) override { VISTREL_FORWARD(dumpState(fd)); }
+    Return<int32_t> setVideoFps(int32_t value1, int32_t value2) override {
+        VISTREL_FORWARD(setVideoFps(value1, value2));
+    }
+    Return<int32_t> emulateFwCallbackHDRType(int32_t a, int32_t b) override {
+        VISTREL_FORWARD(emulateFwCallbackHDRType(a, b));
+    }
+    Return<int32_t> processHDMIDebugCmd(int32_t cmd, const hidl_handle& fd) override {
+        VISTREL_FORWARD(processHDMIDebugCmd(cmd, fd));
+    }
+    Return<void> setALLM(int32_t enable) override { VISTREL_FORWARD(setALLM(enable)); }
+    Return<int32_t> isOutputFormatSupported(const OutputFormat& fmt) override {
+        VISTREL_FORWARD(isOutputFormatSupported(fmt));
+    }
+    Return<int32_t> control5v(int32_t value) override { VISTREL_FORWARD(control5v(value)); }
+    Return<void> getResolvedAutoOutputFormat(getResolvedAutoOutputFormat_cb cb) override {
+        VISTREL_FORWARD(getResolvedAutoOutputFormat(cb));
+    }
+    Return<void> setFakeEDID(const hidl_array<uint8_t, 256>& edid) override {
+        VISTREL_FORWARD(setFakeEDID(edid));
+    }
+
+#undef VISTREL_FORWARD
+
+  private:
+    const std::shared_ptr<ServiceEntry> mEntry;
+    // The far end. Kept for the proxy's lifetime, as a dead process's memory
+    // would be gone, but never called once the entry has died.
+    const sp<IHdmiUtil> mService;
+};
+
+sp<IHdmiUtil> proxyFor(const std::shared_ptr<ServiceEntry>& entry) {
+    if (entry == nullptr) return nullptr;
+    sp<::android::hidl::base::V1_0::IBase> base = entry->service();
+    if (base == nullptr || !entry->isAlive()) return nullptr;
+    return new BpHwHdmiUtil(entry, static_cast<IHdmiUtil*>(base.get()));
+}
+
+}  // namespace
+
+sp<IHdmiUtil> IHdmiUtil::tryGetService(const std::string& serviceName, bool /*getStub*/) {
+    return proxyFor(::android::hardware::host::findService(descriptor, serviceName));
+}
+
+sp<IHdmiUtil> IHdmiUtil::getService(const std::string& serviceName, bool /*getStub*/) {
+    for (;;) {
+        sp<IHdmiUtil> service =
+                proxyFor(::android::hardware::host::waitForService(descriptor, serviceName));
+        if (service != nullptr) return service;
+    }
+}
+
+::android::status_t IHdmiUtil::registerAsService(const std::string& serviceName) {
+    return ::android::hardware::host::registerService(descriptor, serviceName, this);
+}
+
+}  // namespace V1_0
+}  // namespace provider
+}  // namespace hdmiutil
+}  // namespace mirova
+}  // namespace vendor

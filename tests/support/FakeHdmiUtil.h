@@ -1,0 +1,221 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// A programmable IHdmiUtil for tests. Every operation is a GoogleMock method,
+// so tests set answers and expectations per call and the fake records every
+// call with its arguments. On top of that it keeps the registered callbacks
+// per process id, as the real service does, and sends events to them from a
+// thread of its own.
+//
+// Answers in the record form are given with AnswerRecord(status, record); a
+// transport failure with FailTransport(); a call that must block with Block().
+
+#pragma once
+
+#include <stdint.h>
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <tuple>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <hidl/HidlSupport.h>
+#include <hidl/Status.h>
+#include <vendor/mirova/hdmiutil/common/1.0/types.h>
+#include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
+
+namespace mirova {
+namespace test {
+
+using ::android::sp;
+using ::android::hardware::hidl_array;
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_string;
+using ::android::hardware::hidl_vec;
+using ::android::hardware::Return;
+using ::android::hardware::Status;
+using ::android::hardware::Void;
+using ::vendor::mirova::hdmiutil::common::V1_0::ColorSet;
+using ::vendor::mirova::hdmiutil::common::V1_0::EDIDData;
+using ::vendor::mirova::hdmiutil::common::V1_0::EDIDSupportList;
+using ::vendor::mirova::hdmiutil::common::V1_0::hAudio_desc;
+using ::vendor::mirova::hdmiutil::common::V1_0::HDMIFormatSupport;
+using ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo;
+using ::vendor::mirova::hdmiutil::common::V1_0::hHDRInstance;
+using ::vendor::mirova::hdmiutil::common::V1_0::HDRList;
+using ::vendor::mirova::hdmiutil::common::V1_0::OutputFormat;
+using ::vendor::mirova::hdmiutil::common::V1_0::TVCapInfo;
+using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
+using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
+
+class MockHdmiUtil : public IHdmiUtil {
+  public:
+    using FakeEdid = hidl_array<uint8_t, 256>;
+
+    MOCK_METHOD(Return<void>, setCallback,
+                (int32_t, const hidl_string&, const sp<IHdmiUtilCallback>&), (override));
+    MOCK_METHOD(Return<void>, removeCallback, (int32_t), (override));
+    MOCK_METHOD(Return<void>, readOutputFormat, (readOutputFormat_cb), (override));
+    MOCK_METHOD(Return<void>, saveOutputFormat, (const OutputFormat&), (override));
+    MOCK_METHOD(Return<int32_t>, readEdidAutoMode, (), (override));
+    MOCK_METHOD(Return<void>, saveEdidAutoMode, (int32_t), (override));
+    MOCK_METHOD(Return<bool>, checkIfHDMIPlugged, (), (override));
+    MOCK_METHOD(Return<bool>, getHDMIEDIDReady, (), (override));
+    MOCK_METHOD(Return<void>, getEDIDRawData, (getEDIDRawData_cb), (override));
+    MOCK_METHOD(Return<bool>, isTVSupport3D, (), (override));
+    MOCK_METHOD(Return<int32_t>, setHDMIFormat3D, (int32_t, float), (override));
+    MOCK_METHOD(Return<int32_t>, setOutputFormat, (const OutputFormat&, int32_t), (override));
+    MOCK_METHOD(Return<void>, getEDIDSupportList, (getEDIDSupportList_cb), (override));
+    MOCK_METHOD(Return<void>, getCurrentOutputFormat, (getCurrentOutputFormat_cb), (override));
+    MOCK_METHOD(Return<void>, setHDREotfMode, (int32_t), (override));
+    MOCK_METHOD(Return<void>, getColorSet, (int32_t, int32_t, int32_t, getColorSet_cb),
+                (override));
+    MOCK_METHOD(Return<void>, reserved, (), (override));
+    MOCK_METHOD(Return<void>, saveColorModeEnum, (int32_t), (override));
+    MOCK_METHOD(Return<int32_t>, readColorModeEnum, (), (override));
+    MOCK_METHOD(Return<int32_t>, readHDRAutoProperty, (), (override));
+    MOCK_METHOD(Return<int32_t>, checkHDRModeSupported, (int32_t), (override));
+    MOCK_METHOD(Return<int32_t>, isUnderDoviMode, (int32_t), (override));
+    MOCK_METHOD(Return<void>, setHDMIEnable, (int32_t), (override));
+    MOCK_METHOD(Return<void>, getTVCapInfo, (getTVCapInfo_cb), (override));
+    MOCK_METHOD(Return<void>, getSinkCapability, (), (override));
+    MOCK_METHOD(Return<int32_t>, acquireLock, (int32_t), (override));
+    MOCK_METHOD(Return<void>, releaseLock, (int32_t), (override));
+    MOCK_METHOD(Return<void>, clearOneStepInfo, (), (override));
+    MOCK_METHOD(Return<int32_t>, getDiffSourceValue, (), (override));
+    MOCK_METHOD(Return<int32_t>, setDiffSourceValue, (int32_t), (override));
+    MOCK_METHOD(Return<void>, setDisplayState, (int32_t), (override));
+    MOCK_METHOD(Return<void>, getHDRSupportList, (getHDRSupportList_cb), (override));
+    MOCK_METHOD(Return<int32_t>, envSupportsDv, (), (override));
+    MOCK_METHOD(Return<void>, setVRREnable, (int32_t), (override));
+    MOCK_METHOD(Return<int32_t>, getVRREnabled, (), (override));
+    MOCK_METHOD(Return<void>, setVRRFps, (int32_t), (override));
+    MOCK_METHOD(Return<void>, setPropVal, (int32_t, int32_t), (override));
+    MOCK_METHOD(Return<int32_t>, getPropVal, (int32_t), (override));
+    MOCK_METHOD(Return<void>, getHidlInfo, (int32_t, int32_t), (override));
+    MOCK_METHOD(Return<int32_t>, isRuntimeDpHDMISupported, (), (override));
+    MOCK_METHOD(Return<int32_t>, getInterfaceType, (), (override));
+    MOCK_METHOD(Return<bool>, getForceOffVal, (), (override));
+    MOCK_METHOD(Return<void>, handleTopoInfo, (const hHDRContentTopo&), (override));
+    MOCK_METHOD(Return<void>, dumpState, (const hidl_handle&), (override));
+    MOCK_METHOD(Return<int32_t>, setVideoFps, (int32_t, int32_t), (override));
+    MOCK_METHOD(Return<int32_t>, emulateFwCallbackHDRType, (int32_t, int32_t), (override));
+    MOCK_METHOD(Return<int32_t>, processHDMIDebugCmd, (int32_t, const hidl_handle&),
+                (override));
+    MOCK_METHOD(Return<void>, setALLM, (int32_t), (override));
+    MOCK_METHOD(Return<int32_t>, isOutputFormatSupported, (const OutputFormat&), (override));
+    MOCK_METHOD(Return<int32_t>, control5v, (int32_t), (override));
+    MOCK_METHOD(Return<void>, getResolvedAutoOutputFormat, (getResolvedAutoOutputFormat_cb),
+                (override));
+    MOCK_METHOD(Return<void>, setFakeEDID, (const FakeEdid&), (override));
+};
+
+// The fake service. Unless a test says otherwise every value answer is 0 (or
+// false), every record answer is a refusal (status 0), and setCallback and
+// removeCallback keep the per-process registrations as the real service does.
+class FakeHdmiUtil : public ::testing::NiceMock<MockHdmiUtil> {
+  public:
+    FakeHdmiUtil();
+    ~FakeHdmiUtil() override;
+
+    // Registers this fake as the "default" service.
+    void publish();
+
+    // Sends one event to every registered callback, from the fake's own
+    // event thread (as binder threads would); returns at once.
+    void emitEvent(int32_t event, int32_t p1, int32_t p2, int32_t p3, int64_t p4);
+    // Waits until every event emitted so far has been handed over.
+    void flushEvents();
+
+    // The callback registered under `pid`, or null.
+    sp<IHdmiUtilCallback> callbackFor(int32_t pid);
+    size_t registrationCount();
+    // Drops every registration (as a dying service loses them).
+    void dropRegistrations();
+
+  private:
+    void eventLoop();
+
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    std::map<int32_t, sp<IHdmiUtilCallback>> mCallbacks;
+    std::deque<std::tuple<int32_t, int32_t, int32_t, int32_t, int64_t>> mPending;
+    bool mDelivering = false;
+    bool mStopping = false;
+    std::thread mEventThread;
+};
+
+// --- Actions ----------------------------------------------------------------
+
+Status transportFailure();
+
+// A transport failure in any result form.
+struct FailTransportAction {
+    template <typename Result, typename ArgumentTuple>
+    Result Perform(const ArgumentTuple& /*args*/) const {
+        return Result(transportFailure());
+    }
+};
+inline ::testing::PolymorphicAction<FailTransportAction> FailTransport() {
+    return ::testing::MakePolymorphicAction(FailTransportAction());
+}
+
+// A record-form answer: calls the result callback (the last argument) with
+// `status` and `record`, then returns OK.
+template <typename Record>
+struct AnswerRecordAction {
+    int32_t status;
+    Record record;
+    template <typename Result, typename ArgumentTuple>
+    Result Perform(const ArgumentTuple& args) const {
+        constexpr size_t last = std::tuple_size<ArgumentTuple>::value - 1;
+        std::get<last>(args)(status, record);
+        return Result();
+    }
+};
+template <typename Record>
+::testing::PolymorphicAction<AnswerRecordAction<Record>> AnswerRecord(int32_t status,
+                                                                      Record record) {
+    return ::testing::MakePolymorphicAction(AnswerRecordAction<Record>{status, record});
+}
+
+// A gate that calls wait on until a test opens it.
+class Gate {
+  public:
+    void open();
+    void wait();
+    // Waits until `n` callers are waiting at the gate.
+    void awaitWaiters(int n);
+
+  private:
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    bool mOpen = false;
+    int mWaiters = 0;
+};
+
+// --- Records ----------------------------------------------------------------
+
+OutputFormat makeFormat(uint8_t mode, uint8_t vic, uint8_t vicParam, uint8_t color,
+                        uint8_t depth, uint8_t option, uint8_t hdr, uint8_t contentType);
+
+}  // namespace test
+}  // namespace mirova

@@ -1,0 +1,54 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// The fixture most library tests use: a fresh property store and service
+// registry, a FakeHdmiUtil published as the "default" service with the
+// start-up property at "1", log capture, and helpers to create and release
+// the one library instance.
+
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <Vistrel.h>
+#include <VistrelLib.h>
+
+#include "FakeHdmiUtil.h"
+#include "LogCapture.h"
+
+namespace mirova {
+namespace test {
+
+constexpr const char* kServiceStartProperty = "vendor.mirova.hdmi.service.start";
+
+class LibraryTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // hdmi_createLib with the given callbacks; the instance it built.
+    Vistrel* createLib(VistrelCallback* callback = nullptr, VistrelCallback2* callback2 = nullptr);
+    // Makes the current fake die and publishes a new one in its place.
+    sp<FakeHdmiUtil> replaceService();
+
+    sp<FakeHdmiUtil> fake;
+};
+
+// Resets the process-wide state the library and the stand-ins keep.
+void resetPlatform();
+
+}  // namespace test
+}  // namespace mirova
