@@ -11,7 +11,8 @@ HOST_DEPS := cmake make g++ clang libclang-rt-14-dev python3 libgtest-dev libgmo
              libbenchmark-dev android-libutils-dev android-liblog-dev android-libcutils-dev \
              edid-decode
 
-.PHONY: all deps build run test test-host test-checks bench format clean
+.PHONY: all deps build run test test-host test-checks test-sanitizers test-fuzz test-arm \
+        bench format clean
 
 all: build
 
@@ -27,7 +28,8 @@ build: deps $(BUILD)/CMakeCache.txt
 run: build
 	tools/run.sh $(BUILD)
 
-test: test-host test-checks
+# Every leg must pass; any sanitizer report fails its leg.
+test: test-host test-checks test-sanitizers test-fuzz test-arm
 
 test-host: build
 	cd $(BUILD) && ctest --output-on-failure -j$(JOBS) --timeout 300
@@ -35,6 +37,18 @@ test-host: build
 test-checks: deps
 	python3 tests/check_build_lists.py
 	python3 tests/check_interfaces.py
+
+test-sanitizers: deps
+	@if [ -x tools/ci/sanitizers.sh ]; then tools/ci/sanitizers.sh; fi
+
+test-fuzz: deps
+	@if [ -x tools/ci/fuzz.sh ]; then tools/ci/fuzz.sh; fi
+
+test-arm: deps
+	@if [ -x tools/ci/armhf.sh ]; then tools/ci/armhf.sh; fi
+
+bench: deps
+	@if [ -x tools/ci/bench.sh ]; then tools/ci/bench.sh; fi
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')
