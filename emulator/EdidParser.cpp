@@ -54,82 +54,82 @@ constexpr PictureAspect k256x135 = PictureAspect::k256x135;
 
 // CTA-861 video formats. Rates are nominal: the 1000/1001 variants share the VIC.
 constexpr VicTiming kVicTable[] = {
-        {1, 640, 480, 60, false, k4x3},        {2, 720, 480, 60, false, k4x3},
-        {3, 720, 480, 60, false, k16x9},       {4, 1280, 720, 60, false, k16x9},
-        {5, 1920, 1080, 60, true, k16x9},      {6, 1440, 480, 60, true, k4x3},
-        {7, 1440, 480, 60, true, k16x9},       {8, 1440, 240, 60, false, k4x3},
-        {9, 1440, 240, 60, false, k16x9},      {10, 2880, 480, 60, true, k4x3},
-        {11, 2880, 480, 60, true, k16x9},      {12, 2880, 240, 60, false, k4x3},
-        {13, 2880, 240, 60, false, k16x9},     {14, 1440, 480, 60, false, k4x3},
-        {15, 1440, 480, 60, false, k16x9},     {16, 1920, 1080, 60, false, k16x9},
-        {17, 720, 576, 50, false, k4x3},       {18, 720, 576, 50, false, k16x9},
-        {19, 1280, 720, 50, false, k16x9},     {20, 1920, 1080, 50, true, k16x9},
-        {21, 1440, 576, 50, true, k4x3},       {22, 1440, 576, 50, true, k16x9},
-        {23, 1440, 288, 50, false, k4x3},      {24, 1440, 288, 50, false, k16x9},
-        {25, 2880, 576, 50, true, k4x3},       {26, 2880, 576, 50, true, k16x9},
-        {27, 2880, 288, 50, false, k4x3},      {28, 2880, 288, 50, false, k16x9},
-        {29, 1440, 576, 50, false, k4x3},      {30, 1440, 576, 50, false, k16x9},
-        {31, 1920, 1080, 50, false, k16x9},    {32, 1920, 1080, 24, false, k16x9},
-        {33, 1920, 1080, 25, false, k16x9},    {34, 1920, 1080, 30, false, k16x9},
-        {35, 2880, 480, 60, false, k4x3},      {36, 2880, 480, 60, false, k16x9},
-        {37, 2880, 576, 50, false, k4x3},      {38, 2880, 576, 50, false, k16x9},
-        {39, 1920, 1080, 50, true, k16x9},     {40, 1920, 1080, 100, true, k16x9},
-        {41, 1280, 720, 100, false, k16x9},    {42, 720, 576, 100, false, k4x3},
-        {43, 720, 576, 100, false, k16x9},     {44, 1440, 576, 100, true, k4x3},
-        {45, 1440, 576, 100, true, k16x9},     {46, 1920, 1080, 120, true, k16x9},
-        {47, 1280, 720, 120, false, k16x9},    {48, 720, 480, 120, false, k4x3},
-        {49, 720, 480, 120, false, k16x9},     {50, 1440, 480, 120, true, k4x3},
-        {51, 1440, 480, 120, true, k16x9},     {52, 720, 576, 200, false, k4x3},
-        {53, 720, 576, 200, false, k16x9},     {54, 1440, 576, 200, true, k4x3},
-        {55, 1440, 576, 200, true, k16x9},     {56, 720, 480, 240, false, k4x3},
-        {57, 720, 480, 240, false, k16x9},     {58, 1440, 480, 240, true, k4x3},
-        {59, 1440, 480, 240, true, k16x9},     {60, 1280, 720, 24, false, k16x9},
-        {61, 1280, 720, 25, false, k16x9},     {62, 1280, 720, 30, false, k16x9},
-        {63, 1920, 1080, 120, false, k16x9},   {64, 1920, 1080, 100, false, k16x9},
-        {65, 1280, 720, 24, false, k64x27},    {66, 1280, 720, 25, false, k64x27},
-        {67, 1280, 720, 30, false, k64x27},    {68, 1280, 720, 50, false, k64x27},
-        {69, 1280, 720, 60, false, k64x27},    {70, 1280, 720, 100, false, k64x27},
-        {71, 1280, 720, 120, false, k64x27},   {72, 1920, 1080, 24, false, k64x27},
-        {73, 1920, 1080, 25, false, k64x27},   {74, 1920, 1080, 30, false, k64x27},
-        {75, 1920, 1080, 50, false, k64x27},   {76, 1920, 1080, 60, false, k64x27},
-        {77, 1920, 1080, 100, false, k64x27},  {78, 1920, 1080, 120, false, k64x27},
-        {79, 1680, 720, 24, false, k64x27},    {80, 1680, 720, 25, false, k64x27},
-        {81, 1680, 720, 30, false, k64x27},    {82, 1680, 720, 50, false, k64x27},
-        {83, 1680, 720, 60, false, k64x27},    {84, 1680, 720, 100, false, k64x27},
-        {85, 1680, 720, 120, false, k64x27},   {86, 2560, 1080, 24, false, k64x27},
-        {87, 2560, 1080, 25, false, k64x27},   {88, 2560, 1080, 30, false, k64x27},
-        {89, 2560, 1080, 50, false, k64x27},   {90, 2560, 1080, 60, false, k64x27},
-        {91, 2560, 1080, 100, false, k64x27},  {92, 2560, 1080, 120, false, k64x27},
-        {93, 3840, 2160, 24, false, k16x9},    {94, 3840, 2160, 25, false, k16x9},
-        {95, 3840, 2160, 30, false, k16x9},    {96, 3840, 2160, 50, false, k16x9},
-        {97, 3840, 2160, 60, false, k16x9},    {98, 4096, 2160, 24, false, k256x135},
-        {99, 4096, 2160, 25, false, k256x135}, {100, 4096, 2160, 30, false, k256x135},
-        {101, 4096, 2160, 50, false, k256x135}, {102, 4096, 2160, 60, false, k256x135},
-        {103, 3840, 2160, 24, false, k64x27},  {104, 3840, 2160, 25, false, k64x27},
-        {105, 3840, 2160, 30, false, k64x27},  {106, 3840, 2160, 50, false, k64x27},
-        {107, 3840, 2160, 60, false, k64x27},  {108, 1280, 720, 48, false, k16x9},
-        {109, 1280, 720, 48, false, k64x27},   {110, 1680, 720, 48, false, k64x27},
-        {111, 1920, 1080, 48, false, k16x9},   {112, 1920, 1080, 48, false, k64x27},
-        {113, 2560, 1080, 48, false, k64x27},  {114, 3840, 2160, 48, false, k16x9},
-        {115, 4096, 2160, 48, false, k256x135}, {116, 3840, 2160, 48, false, k64x27},
-        {117, 3840, 2160, 100, false, k16x9},  {118, 3840, 2160, 120, false, k16x9},
-        {119, 3840, 2160, 100, false, k64x27}, {120, 3840, 2160, 120, false, k64x27},
-        {121, 5120, 2160, 24, false, k64x27},  {122, 5120, 2160, 25, false, k64x27},
-        {123, 5120, 2160, 30, false, k64x27},  {124, 5120, 2160, 48, false, k64x27},
-        {125, 5120, 2160, 50, false, k64x27},  {126, 5120, 2160, 60, false, k64x27},
-        {127, 5120, 2160, 100, false, k64x27}, {193, 5120, 2160, 120, false, k64x27},
-        {194, 7680, 4320, 24, false, k16x9},   {195, 7680, 4320, 25, false, k16x9},
-        {196, 7680, 4320, 30, false, k16x9},   {197, 7680, 4320, 48, false, k16x9},
-        {198, 7680, 4320, 50, false, k16x9},   {199, 7680, 4320, 60, false, k16x9},
-        {200, 7680, 4320, 100, false, k16x9},  {201, 7680, 4320, 120, false, k16x9},
-        {202, 7680, 4320, 24, false, k64x27},  {203, 7680, 4320, 25, false, k64x27},
-        {204, 7680, 4320, 30, false, k64x27},  {205, 7680, 4320, 48, false, k64x27},
-        {206, 7680, 4320, 50, false, k64x27},  {207, 7680, 4320, 60, false, k64x27},
-        {208, 7680, 4320, 100, false, k64x27}, {209, 7680, 4320, 120, false, k64x27},
-        {210, 10240, 4320, 24, false, k64x27}, {211, 10240, 4320, 25, false, k64x27},
-        {212, 10240, 4320, 30, false, k64x27}, {213, 10240, 4320, 48, false, k64x27},
-        {214, 10240, 4320, 50, false, k64x27}, {215, 10240, 4320, 60, false, k64x27},
-        {216, 10240, 4320, 100, false, k64x27}, {217, 10240, 4320, 120, false, k64x27},
+        {1, 640, 480, 60, false, k4x3},          {2, 720, 480, 60, false, k4x3},
+        {3, 720, 480, 60, false, k16x9},         {4, 1280, 720, 60, false, k16x9},
+        {5, 1920, 1080, 60, true, k16x9},        {6, 1440, 480, 60, true, k4x3},
+        {7, 1440, 480, 60, true, k16x9},         {8, 1440, 240, 60, false, k4x3},
+        {9, 1440, 240, 60, false, k16x9},        {10, 2880, 480, 60, true, k4x3},
+        {11, 2880, 480, 60, true, k16x9},        {12, 2880, 240, 60, false, k4x3},
+        {13, 2880, 240, 60, false, k16x9},       {14, 1440, 480, 60, false, k4x3},
+        {15, 1440, 480, 60, false, k16x9},       {16, 1920, 1080, 60, false, k16x9},
+        {17, 720, 576, 50, false, k4x3},         {18, 720, 576, 50, false, k16x9},
+        {19, 1280, 720, 50, false, k16x9},       {20, 1920, 1080, 50, true, k16x9},
+        {21, 1440, 576, 50, true, k4x3},         {22, 1440, 576, 50, true, k16x9},
+        {23, 1440, 288, 50, false, k4x3},        {24, 1440, 288, 50, false, k16x9},
+        {25, 2880, 576, 50, true, k4x3},         {26, 2880, 576, 50, true, k16x9},
+        {27, 2880, 288, 50, false, k4x3},        {28, 2880, 288, 50, false, k16x9},
+        {29, 1440, 576, 50, false, k4x3},        {30, 1440, 576, 50, false, k16x9},
+        {31, 1920, 1080, 50, false, k16x9},      {32, 1920, 1080, 24, false, k16x9},
+        {33, 1920, 1080, 25, false, k16x9},      {34, 1920, 1080, 30, false, k16x9},
+        {35, 2880, 480, 60, false, k4x3},        {36, 2880, 480, 60, false, k16x9},
+        {37, 2880, 576, 50, false, k4x3},        {38, 2880, 576, 50, false, k16x9},
+        {39, 1920, 1080, 50, true, k16x9},       {40, 1920, 1080, 100, true, k16x9},
+        {41, 1280, 720, 100, false, k16x9},      {42, 720, 576, 100, false, k4x3},
+        {43, 720, 576, 100, false, k16x9},       {44, 1440, 576, 100, true, k4x3},
+        {45, 1440, 576, 100, true, k16x9},       {46, 1920, 1080, 120, true, k16x9},
+        {47, 1280, 720, 120, false, k16x9},      {48, 720, 480, 120, false, k4x3},
+        {49, 720, 480, 120, false, k16x9},       {50, 1440, 480, 120, true, k4x3},
+        {51, 1440, 480, 120, true, k16x9},       {52, 720, 576, 200, false, k4x3},
+        {53, 720, 576, 200, false, k16x9},       {54, 1440, 576, 200, true, k4x3},
+        {55, 1440, 576, 200, true, k16x9},       {56, 720, 480, 240, false, k4x3},
+        {57, 720, 480, 240, false, k16x9},       {58, 1440, 480, 240, true, k4x3},
+        {59, 1440, 480, 240, true, k16x9},       {60, 1280, 720, 24, false, k16x9},
+        {61, 1280, 720, 25, false, k16x9},       {62, 1280, 720, 30, false, k16x9},
+        {63, 1920, 1080, 120, false, k16x9},     {64, 1920, 1080, 100, false, k16x9},
+        {65, 1280, 720, 24, false, k64x27},      {66, 1280, 720, 25, false, k64x27},
+        {67, 1280, 720, 30, false, k64x27},      {68, 1280, 720, 50, false, k64x27},
+        {69, 1280, 720, 60, false, k64x27},      {70, 1280, 720, 100, false, k64x27},
+        {71, 1280, 720, 120, false, k64x27},     {72, 1920, 1080, 24, false, k64x27},
+        {73, 1920, 1080, 25, false, k64x27},     {74, 1920, 1080, 30, false, k64x27},
+        {75, 1920, 1080, 50, false, k64x27},     {76, 1920, 1080, 60, false, k64x27},
+        {77, 1920, 1080, 100, false, k64x27},    {78, 1920, 1080, 120, false, k64x27},
+        {79, 1680, 720, 24, false, k64x27},      {80, 1680, 720, 25, false, k64x27},
+        {81, 1680, 720, 30, false, k64x27},      {82, 1680, 720, 50, false, k64x27},
+        {83, 1680, 720, 60, false, k64x27},      {84, 1680, 720, 100, false, k64x27},
+        {85, 1680, 720, 120, false, k64x27},     {86, 2560, 1080, 24, false, k64x27},
+        {87, 2560, 1080, 25, false, k64x27},     {88, 2560, 1080, 30, false, k64x27},
+        {89, 2560, 1080, 50, false, k64x27},     {90, 2560, 1080, 60, false, k64x27},
+        {91, 2560, 1080, 100, false, k64x27},    {92, 2560, 1080, 120, false, k64x27},
+        {93, 3840, 2160, 24, false, k16x9},      {94, 3840, 2160, 25, false, k16x9},
+        {95, 3840, 2160, 30, false, k16x9},      {96, 3840, 2160, 50, false, k16x9},
+        {97, 3840, 2160, 60, false, k16x9},      {98, 4096, 2160, 24, false, k256x135},
+        {99, 4096, 2160, 25, false, k256x135},   {100, 4096, 2160, 30, false, k256x135},
+        {101, 4096, 2160, 50, false, k256x135},  {102, 4096, 2160, 60, false, k256x135},
+        {103, 3840, 2160, 24, false, k64x27},    {104, 3840, 2160, 25, false, k64x27},
+        {105, 3840, 2160, 30, false, k64x27},    {106, 3840, 2160, 50, false, k64x27},
+        {107, 3840, 2160, 60, false, k64x27},    {108, 1280, 720, 48, false, k16x9},
+        {109, 1280, 720, 48, false, k64x27},     {110, 1680, 720, 48, false, k64x27},
+        {111, 1920, 1080, 48, false, k16x9},     {112, 1920, 1080, 48, false, k64x27},
+        {113, 2560, 1080, 48, false, k64x27},    {114, 3840, 2160, 48, false, k16x9},
+        {115, 4096, 2160, 48, false, k256x135},  {116, 3840, 2160, 48, false, k64x27},
+        {117, 3840, 2160, 100, false, k16x9},    {118, 3840, 2160, 120, false, k16x9},
+        {119, 3840, 2160, 100, false, k64x27},   {120, 3840, 2160, 120, false, k64x27},
+        {121, 5120, 2160, 24, false, k64x27},    {122, 5120, 2160, 25, false, k64x27},
+        {123, 5120, 2160, 30, false, k64x27},    {124, 5120, 2160, 48, false, k64x27},
+        {125, 5120, 2160, 50, false, k64x27},    {126, 5120, 2160, 60, false, k64x27},
+        {127, 5120, 2160, 100, false, k64x27},   {193, 5120, 2160, 120, false, k64x27},
+        {194, 7680, 4320, 24, false, k16x9},     {195, 7680, 4320, 25, false, k16x9},
+        {196, 7680, 4320, 30, false, k16x9},     {197, 7680, 4320, 48, false, k16x9},
+        {198, 7680, 4320, 50, false, k16x9},     {199, 7680, 4320, 60, false, k16x9},
+        {200, 7680, 4320, 100, false, k16x9},    {201, 7680, 4320, 120, false, k16x9},
+        {202, 7680, 4320, 24, false, k64x27},    {203, 7680, 4320, 25, false, k64x27},
+        {204, 7680, 4320, 30, false, k64x27},    {205, 7680, 4320, 48, false, k64x27},
+        {206, 7680, 4320, 50, false, k64x27},    {207, 7680, 4320, 60, false, k64x27},
+        {208, 7680, 4320, 100, false, k64x27},   {209, 7680, 4320, 120, false, k64x27},
+        {210, 10240, 4320, 24, false, k64x27},   {211, 10240, 4320, 25, false, k64x27},
+        {212, 10240, 4320, 30, false, k64x27},   {213, 10240, 4320, 48, false, k64x27},
+        {214, 10240, 4320, 50, false, k64x27},   {215, 10240, 4320, 60, false, k64x27},
+        {216, 10240, 4320, 100, false, k64x27},  {217, 10240, 4320, 120, false, k64x27},
         {218, 4096, 2160, 100, false, k256x135}, {219, 4096, 2160, 120, false, k256x135},
 };
 
@@ -141,11 +141,11 @@ struct EstablishedTiming {
     bool interlaced;
 };
 constexpr EstablishedTiming kEstablishedTimings[17] = {
-        {720, 400, 70, false},  {720, 400, 88, false},   {640, 480, 60, false},
-        {640, 480, 67, false},  {640, 480, 72, false},   {640, 480, 75, false},
-        {800, 600, 56, false},  {800, 600, 60, false},   {800, 600, 72, false},
-        {800, 600, 75, false},  {832, 624, 75, false},   {1024, 768, 87, true},
-        {1024, 768, 60, false}, {1024, 768, 70, false},  {1024, 768, 75, false},
+        {720, 400, 70, false},   {720, 400, 88, false},  {640, 480, 60, false},
+        {640, 480, 67, false},   {640, 480, 72, false},  {640, 480, 75, false},
+        {800, 600, 56, false},   {800, 600, 60, false},  {800, 600, 72, false},
+        {800, 600, 75, false},   {832, 624, 75, false},  {1024, 768, 87, true},
+        {1024, 768, 60, false},  {1024, 768, 70, false}, {1024, 768, 75, false},
         {1280, 1024, 75, false}, {1152, 870, 75, false},
 };
 
@@ -222,10 +222,10 @@ class Parser {
 
     bool mSeenCta = false;
     bool mSeenSpeakerAllocation = false;
-    std::vector<DeclaredVic> mDeclared;  // every VIC declaration in EDID order
-    std::vector<uint8_t> mSvdVics;       // VIC of each SVD position (0 for reserved codes)
-    bool mCapabilityMapAll = false;      // an empty 4:2:0 capability map: every SVD
-    std::vector<uint8_t> mCapabilityMap; // union of the 4:2:0 capability map bitmaps
+    std::vector<DeclaredVic> mDeclared;   // every VIC declaration in EDID order
+    std::vector<uint8_t> mSvdVics;        // VIC of each SVD position (0 for reserved codes)
+    bool mCapabilityMapAll = false;       // an empty 4:2:0 capability map: every SVD
+    std::vector<uint8_t> mCapabilityMap;  // union of the 4:2:0 capability map bitmaps
 };
 
 bool Parser::fail(const char* format, ...) {
@@ -267,8 +267,7 @@ int Parser::findEeodbCount(const uint8_t* cta) const {
     while (offset < d) {
         size_t length = cta[offset] & 0x1F;
         if (offset + 1 + length > d) return -1;
-        if ((cta[offset] >> 5) == kTagExtended && length >= 2 &&
-            cta[offset + 1] == kExtHfEeodb) {
+        if ((cta[offset] >> 5) == kTagExtended && length >= 2 && cta[offset + 1] == kExtHfEeodb) {
             return cta[offset + 2];
         }
         offset += 1 + length;
@@ -283,10 +282,10 @@ bool Parser::run(std::string* error) {
             return fail("truncated: %zu bytes, the base block needs %zu", mSize, kBlockSize);
         }
         if (memcmp(mData, kHeader, sizeof(kHeader)) != 0) {
-            return fail("bad header: %02x %02x %02x %02x %02x %02x %02x %02x, expected "
-                        "00 ff ff ff ff ff ff 00",
-                        mData[0], mData[1], mData[2], mData[3], mData[4], mData[5], mData[6],
-                        mData[7]);
+            return fail(
+                    "bad header: %02x %02x %02x %02x %02x %02x %02x %02x, expected "
+                    "00 ff ff ff ff ff ff 00",
+                    mData[0], mData[1], mData[2], mData[3], mData[4], mData[5], mData[6], mData[7]);
         }
         if (!checkBlock(0)) return false;
         if (mData[18] != 1) {
@@ -303,8 +302,7 @@ bool Parser::run(std::string* error) {
                 extensions = static_cast<size_t>(count);
                 mModel->eeodbPresent = true;
             } else if (count == 0) {
-                warn("block 1: HF-EEODB count 0 ignored, using the base block's %zu",
-                     extensions);
+                warn("block 1: HF-EEODB count 0 ignored, using the base block's %zu", extensions);
             }
         }
         size_t blockCount = extensions + 1;
@@ -313,8 +311,8 @@ bool Parser::run(std::string* error) {
                         mModel->eeodbPresent ? " by the HF-EEODB" : "");
         }
         if (mSize > blockCount * kBlockSize) {
-            warn("%zu bytes after the last of %zu blocks ignored",
-                 mSize - blockCount * kBlockSize, blockCount);
+            warn("%zu bytes after the last of %zu blocks ignored", mSize - blockCount * kBlockSize,
+                 blockCount);
         }
         for (size_t i = 1; i < blockCount; ++i) {
             if (!checkBlock(i)) return false;
@@ -365,8 +363,8 @@ void Parser::parseBase() {
     uint16_t id = static_cast<uint16_t>(b[8] << 8 | b[9]);
     for (int shift = 10; shift >= 0; shift -= 5) {
         int letter = (id >> shift) & 0x1F;
-        m.manufacturerId += (letter >= 1 && letter <= 26) ? static_cast<char>('A' + letter - 1)
-                                                          : '?';
+        m.manufacturerId +=
+                (letter >= 1 && letter <= 26) ? static_cast<char>('A' + letter - 1) : '?';
     }
     m.productCode = static_cast<uint16_t>(b[10] | b[11] << 8);
     m.serialNumber = static_cast<uint32_t>(b[12]) | static_cast<uint32_t>(b[13]) << 8 |
@@ -470,8 +468,8 @@ void Parser::checkBlockMap(size_t blockCount) {
         if (b[0] != kBlockTagBlockMap) continue;
         for (size_t i = 1; i < 127 && map + i < blockCount; ++i) {
             if (b[i] != block(map + i)[0]) {
-                warn("block %zu: block map names tag 0x%02x for block %zu, which has 0x%02x",
-                     map, b[i], map + i, block(map + i)[0]);
+                warn("block %zu: block map names tag 0x%02x for block %zu, which has 0x%02x", map,
+                     b[i], map + i, block(map + i)[0]);
             }
         }
     }
@@ -512,9 +510,10 @@ bool Parser::parseCta(size_t index) {
             uint8_t tag = b[offset] >> 5;
             size_t length = b[offset] & 0x1F;
             if (offset + 1 + length > dtdOffset) {
-                return fail("block %zu: data block at byte %zu (tag %u, length %zu) runs past "
-                            "the DTD offset %u",
-                            index, offset, tag, length, dtdOffset);
+                return fail(
+                        "block %zu: data block at byte %zu (tag %u, length %zu) runs past "
+                        "the DTD offset %u",
+                        index, offset, tag, length, dtdOffset);
             }
             parseDataBlock(tag, Payload(b + offset + 1, length), index, offset);
             offset += 1 + length;
@@ -534,8 +533,8 @@ void Parser::parseDataBlock(uint8_t tag, Payload p, size_t blockIndex, size_t of
     switch (tag) {
         case kTagAudio:
             if (p.size() % 3 != 0) {
-                warn("block %zu: audio data block at byte %zu has %zu trailing bytes",
-                     blockIndex, offset, p.size() % 3);
+                warn("block %zu: audio data block at byte %zu has %zu trailing bytes", blockIndex,
+                     offset, p.size() % 3);
             }
             for (size_t i = 0; i + 3 <= p.size(); i += 3) {
                 mModel->audioDescriptors.push_back({{p.at(i), p.at(i + 1), p.at(i + 2)}});
@@ -578,8 +577,8 @@ void Parser::parseDataBlock(uint8_t tag, Payload p, size_t blockIndex, size_t of
             break;
         case kTagExtended:
             if (p.size() == 0) {
-                warn("block %zu: extended data block at byte %zu has no extended tag",
-                     blockIndex, offset);
+                warn("block %zu: extended data block at byte %zu has no extended tag", blockIndex,
+                     offset);
             } else {
                 parseExtended(p, blockIndex, offset);
             }
@@ -597,9 +596,9 @@ void Parser::parseHdmiVsdb(Payload p) {
     h.physicalAddress = {p.at(3), p.at(4)};
     uint8_t flags = p.at(5);
     h.supportsAi = (flags & 0x80) != 0;
-    h.deepColor = static_cast<uint8_t>(((flags & 0x10) ? kDepth30 : 0) |
-                                       ((flags & 0x20) ? kDepth36 : 0) |
-                                       ((flags & 0x40) ? kDepth48 : 0));
+    h.deepColor =
+            static_cast<uint8_t>(((flags & 0x10) ? kDepth30 : 0) | ((flags & 0x20) ? kDepth36 : 0) |
+                                 ((flags & 0x40) ? kDepth48 : 0));
     h.deepColorY444 = (flags & 0x08) != 0;
     h.dviDual = (flags & 0x01) != 0;
     h.maxTmdsMhz = static_cast<uint16_t>(p.at(6) * 5);
@@ -623,8 +622,7 @@ void Parser::parseHdmiVsdb(Payload p) {
                 }
             }
             if (h.hdmiVics.size() < vicCount) {
-                warn("HDMI VSDB lists %zu HDMI_VICs but holds %zu", vicCount,
-                     h.hdmiVics.size());
+                warn("HDMI VSDB lists %zu HDMI_VICs but holds %zu", vicCount, h.hdmiVics.size());
             }
         }
     }
@@ -681,8 +679,7 @@ void Parser::parseExtended(Payload p, size_t blockIndex, size_t offset) {
         case kExtHfEeodb:
             // Honoured only where a source looks for it; the structure pass read it there.
             if (blockIndex != 1) {
-                warn("block %zu: HF-EEODB at byte %zu ignored outside block 1", blockIndex,
-                     offset);
+                warn("block %zu: HF-EEODB at byte %zu ignored outside block 1", blockIndex, offset);
             }
             break;
         case kExtHfScdb:

@@ -73,9 +73,9 @@ struct DetailedTiming {
     uint16_t width = 0;
     uint16_t height = 0;  // frame height: twice the field height when interlaced
     uint16_t hTotal = 0;
-    uint16_t vTotal = 0;            // per field when interlaced
-    uint32_t refreshMilliHz = 0;    // field rate when interlaced; 0 when the totals are zero
-    uint16_t refreshHz = 0;         // refreshMilliHz rounded to whole hertz
+    uint16_t vTotal = 0;          // per field when interlaced
+    uint32_t refreshMilliHz = 0;  // field rate when interlaced; 0 when the totals are zero
+    uint16_t refreshHz = 0;       // refreshMilliHz rounded to whole hertz
     bool interlaced = false;
     uint16_t imageWidthMm = 0;
     uint16_t imageHeightMm = 0;
@@ -100,11 +100,11 @@ struct VideoFormat {
     uint16_t height = 0;
     uint16_t refreshHz = 0;
     bool interlaced = false;
-    bool native = false;       // an SVD marked it native
-    bool viaHdmiVic = false;   // declared through the HDMI_VIC list of the HDMI VSDB
-    bool only420 = false;      // declared only by the YCbCr 4:2:0 Video Data Block
-    uint8_t encodings = 0;     // kEncoding* bits
-    uint8_t depthRgb = 0;      // kDepth* bits per encoding
+    bool native = false;      // an SVD marked it native
+    bool viaHdmiVic = false;  // declared through the HDMI_VIC list of the HDMI VSDB
+    bool only420 = false;     // declared only by the YCbCr 4:2:0 Video Data Block
+    uint8_t encodings = 0;    // kEncoding* bits
+    uint8_t depthRgb = 0;     // kDepth* bits per encoding
     uint8_t depthYCbCr444 = 0;
     uint8_t depthYCbCr422 = 0;
     uint8_t depthYCbCr420 = 0;
@@ -121,8 +121,8 @@ struct ShortAudioDescriptor {
 // HDR static metadata data block (CTA extended tag 6).
 struct HdrStaticMetadata {
     bool present = false;
-    uint8_t eotf = 0;           // byte 3 as given; bits 0..3 are the kEotf* values
-    uint8_t metadataTypes = 0;  // static metadata descriptor types (bit 0: type 1)
+    uint8_t eotf = 0;                     // byte 3 as given; bits 0..3 are the kEotf* values
+    uint8_t metadataTypes = 0;            // static metadata descriptor types (bit 0: type 1)
     std::optional<uint8_t> maxLuminance;  // coded values, as given
     std::optional<uint8_t> maxFrameAverageLuminance;
     std::optional<uint8_t> minLuminance;
@@ -136,7 +136,7 @@ struct HdmiVsdb {
     uint8_t deepColor = 0;       // kDepth* bits of DC_30bit, DC_36bit, DC_48bit
     bool deepColorY444 = false;  // DC_Y444: the depths also apply to YCbCr 4:4:4
     bool dviDual = false;
-    uint16_t maxTmdsMhz = 0;     // 0 when the block does not state it
+    uint16_t maxTmdsMhz = 0;  // 0 when the block does not state it
     bool hdmiVideoPresent = false;
     bool present3d = false;
     std::vector<uint8_t> hdmiVics;  // HDMI_VIC codes as listed
@@ -149,11 +149,11 @@ struct HdmiForumCaps {
     uint8_t version = 0;
     uint16_t maxTmdsMhz = 0;  // Max_TMDS_Character_Rate; 0: not above 340 MHz
     bool scdcPresent = false;
-    uint8_t maxFrlRate = 0;   // Max_FRL_Rate code 0..15 (0: no FRL; 6: 12 Gbps on 4 lanes)
-    uint8_t deepColor420 = 0; // kDepth* bits of DC_30bit_420, DC_36bit_420, DC_48bit_420
+    uint8_t maxFrlRate = 0;    // Max_FRL_Rate code 0..15 (0: no FRL; 6: 12 Gbps on 4 lanes)
+    uint8_t deepColor420 = 0;  // kDepth* bits of DC_30bit_420, DC_36bit_420, DC_48bit_420
     bool allm = false;
-    uint8_t vrrMin = 0;       // 6 bits, hertz
-    uint16_t vrrMax = 0;      // 10 bits, hertz; 0: not set
+    uint8_t vrrMin = 0;   // 6 bits, hertz
+    uint16_t vrrMax = 0;  // 10 bits, hertz; 0: not set
 };
 
 // Everything the emulated service reports about the sink.
@@ -170,7 +170,7 @@ struct SinkModel {
     std::string manufacturerId;  // three letters
     uint16_t productCode = 0;
     uint32_t serialNumber = 0;
-    std::string monitorName;     // display product name descriptor, empty when absent
+    std::string monitorName;  // display product name descriptor, empty when absent
     bool digitalInput = false;
 
     // Timings of the base block and of the DTD areas of the CTA-861 blocks.
