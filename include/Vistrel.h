@@ -40,7 +40,9 @@ struct _HDMI_OUTPUT_FORMAT {
     uint8_t content_type;  // HDMI_CONTENT_TYPE
 };
 
-enum HDMI_CONTENT_TYPE {
+// Both enumerations take any int a caller passes (codes not named here, VICs
+// above 255), so that such a value is still well defined inside the library.
+enum HDMI_CONTENT_TYPE : int {
     HDMI_CONTENT_TYPE_NONE = 0,
     HDMI_CONTENT_TYPE_GRAPHICS = 1,
     HDMI_CONTENT_TYPE_PHOTO = 2,
@@ -49,7 +51,7 @@ enum HDMI_CONTENT_TYPE {
 };
 
 // Video identification codes the library names.
-enum HDMI_VIC_ENUM {
+enum HDMI_VIC_ENUM : int {
     VIC_720_480P_60HZ = 2,
     VIC_1280_720P_60HZ = 4,
     VIC_1920_1080I_60HZ = 5,
