@@ -272,12 +272,11 @@ class Vistrel : public ::android::RefBase {
     void reapplyCurrentFormat(int flags, const char* caller);
     // Brings the persisted 4K HDR switch and numbered property 9 into step.
     void syncHdr4kProperty();
-    // Compares and stores a topology under mTopoLock; true when it changed,
-    // with the record to send in *out.
+    // Compares and stores a topology under mTopoLock; true when it changed.
     bool storeTopo(const HDRContentTopo_t& latest, HDRContentTopo_t* stored)
             REQUIRES(mTopoLock);
-    // Sends a topology to the service without mLock.
-    void sendTopo(const HDRContentTopo_t& topo);
+    // Sends a topology to the service without mLock, in store order.
+    void sendTopo(const HDRContentTopo_t& topo) REQUIRES(mTopoLock);
 
     // The event worker; set from construction until destruction.
     ::android::sp<WorkerThread> mWorker;

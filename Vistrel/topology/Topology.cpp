@@ -62,7 +62,7 @@ bool Vistrel::storeTopo(const HDRContentTopo_t& latest, HDRContentTopo_t* stored
     const bool unchanged =
             latest.source == stored->source && latest.count == stored->count &&
             memcmp(latest.entry, stored->entry, sizeof(HDRInstance_t) * latest.count) == 0;
-    memcpy(stored, &latest, sizeof(*stored));
+    if (stored != &latest) memcpy(stored, &latest, sizeof(*stored));
     return !unchanged;
 }
 
@@ -78,6 +78,8 @@ void Vistrel::sendTopo(const HDRContentTopo_t& topo) {
         out.plane = e.plane;
     }
     // Without mLock: a topology report never waits behind another operation.
+    // Under mTopoLock: reports reach the service in the order they were
+    // stored, so the last one sent is always the stored one.
     sp<IHdmiUtil> service = control()->getServiceRef();
     completed("handleTopoInfo", service->handleTopoInfo(record));
 }
@@ -85,7 +87,6 @@ void Vistrel::sendTopo(const HDRContentTopo_t& topo) {
 int Vistrel::updateVideoPlaneUsage(int source, int instance0, int instance1, int instance2,
                                    int instance3, int hdr, int plane) {
     if (source != kSourceHwc) return 0;
-    HDRContentTopo_t changed;
     {
         Mutex::Autolock _l(mTopoLock);
         if (plane == 1 || plane == 2) {
@@ -103,10 +104,8 @@ int Vistrel::updateVideoPlaneUsage(int source, int instance0, int instance1, int
         latest.count = 2;
         latest.entry[0] = mPlaneInstance[0];
         latest.entry[1] = mPlaneInstance[1];
-        if (!storeTopo(latest, &mHwcTopo)) return 0;
-        changed = mHwcTopo;
+        if (storeTopo(latest, &mHwcTopo)) sendTopo(mHwcTopo);
     }
-    sendTopo(changed);
     return 0;
 }
 
@@ -127,13 +126,9 @@ int Vistrel::handleTopoInfo(HDRContentTopo_t* latest, HDRContentTopo_t* stored) 
               producerName(latest->source), latest->count);
         return 0;
     }
-    HDRContentTopo_t changed;
-    {
-        Mutex::Autolock _l(mTopoLock);
-        if (!storeTopo(*latest, stored)) return 0;
-        changed = *stored;
-    }
-    sendTopo(changed);
+    Mutex::Autolock _l(mTopoLock);
+    if (!storeTopo(*latest, stored)) return 0;
+    sendTopo(*stored);
     return 1;
 }
 
