@@ -275,6 +275,9 @@ class Vistrel : public ::android::RefBase {
     // Compares and stores a topology under mTopoLock; true when it changed.
     bool storeTopo(const HDRContentTopo_t& latest, HDRContentTopo_t* stored)
             REQUIRES(mTopoLock);
+    // Stores the composer's two plane records as its topology; true when it
+    // changed.
+    bool storeHwcPlanes() REQUIRES(mTopoLock);
     // Sends a topology to the service without mLock, in store order.
     void sendTopo(const HDRContentTopo_t& topo) REQUIRES(mTopoLock);
 

@@ -97,16 +97,22 @@ int Vistrel::updateVideoPlaneUsage(int source, int instance0, int instance1, int
             record.instance[3] = instance3;
             record.hdr = hdr;
         }
-        // Both planes are always listed, a never reported one as zeros.
-        HDRContentTopo_t latest;
-        memset(&latest, 0, sizeof(latest));
-        latest.source = kSourceHwc;
-        latest.count = 2;
-        latest.entry[0] = mPlaneInstance[0];
-        latest.entry[1] = mPlaneInstance[1];
-        if (storeTopo(latest, &mHwcTopo)) sendTopo(mHwcTopo);
+        if (storeHwcPlanes()) sendTopo(mHwcTopo);
     }
     return 0;
+}
+
+bool Vistrel::storeHwcPlanes() {
+    // The composer's topology lists both planes, a never reported one as zeros,
+    // and nothing else. It is compared and stored in place: a report on the
+    // frame path costs one compare and one copy, and no allocation.
+    const bool unchanged = mHwcTopo.source == kSourceHwc && mHwcTopo.count == 2 &&
+                           memcmp(mHwcTopo.entry, mPlaneInstance, sizeof(mPlaneInstance)) == 0;
+    mHwcTopo.source = kSourceHwc;
+    mHwcTopo.count = 2;
+    memcpy(mHwcTopo.entry, mPlaneInstance, sizeof(mPlaneInstance));
+    memset(&mHwcTopo.entry[2], 0, sizeof(mHwcTopo.entry) - sizeof(mPlaneInstance));
+    return !unchanged;
 }
 
 int Vistrel::deliverHDRContentTopo(HDRContentTopo_t topo) {
