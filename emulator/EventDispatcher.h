@@ -1,0 +1,111 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// The emulated service's clients and its event thread. Clients register per
+// process id; events are queued by the service's operations and sent to every
+// registered callback from this thread, never from inside a caller's
+// transaction, as a real service's binder calls would arrive.
+
+#pragma once
+
+#include <stdint.h>
+#include <utils/Condition.h>
+#include <utils/Mutex.h>
+#include <utils/StrongPointer.h>
+#include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtilCallback.h>
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace mirova::emulator {
+
+struct ServiceEvent {
+    int32_t event;
+    int32_t param1;
+    int32_t param2;
+    int32_t param3;
+    int64_t param4;
+};
+
+struct ServiceClient {
+    int32_t pid;
+    std::string name;
+};
+
+// The thread holds a reference of its own, so that a shutdown from the thread
+// itself (its last callback released the service) leaves nothing dangling.
+class EventDispatcher : public std::enable_shared_from_this<EventDispatcher> {
+  public:
+    using IHdmiUtilCallback = ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
+
+    // A dispatcher with its thread running.
+    static std::shared_ptr<EventDispatcher> start();
+    ~EventDispatcher();
+
+    // Registers `callback` for `pid`, replacing an earlier registration of it.
+    void setCallback(int32_t pid, const std::string& name,
+                     const ::android::sp<IHdmiUtilCallback>& callback) EXCLUDES(mLock);
+    void removeCallback(int32_t pid) EXCLUDES(mLock);
+    std::vector<ServiceClient> clients() const EXCLUDES(mLock);
+
+    // Queues one event for every client registered when it is sent.
+    void post(const ServiceEvent& event) EXCLUDES(mLock);
+    // Waits until every event posted so far has been handed to the clients.
+    void waitIdle() EXCLUDES(mLock);
+    // The last events sent, oldest first, and how many were sent in all.
+    std::vector<ServiceEvent> recentEvents() const EXCLUDES(mLock);
+    uint64_t sentCount() const EXCLUDES(mLock);
+
+    // Ends the thread and forgets every client. Queued events are dropped.
+    // Waits for the thread, unless called from it.
+    void shutdown() EXCLUDES(mLock);
+
+  private:
+    EventDispatcher() = default;
+    // The thread's body: sends events until shutdown.
+    void run() EXCLUDES(mLock);
+    // Sends one event; false once stopping.
+    bool sendNext() EXCLUDES(mLock);
+
+    struct Client {
+        std::string name;
+        ::android::sp<IHdmiUtilCallback> callback;
+    };
+
+    mutable ::android::Mutex mLock;
+    // Signalled when an event is queued, a delivery ends or the thread stops.
+    ::android::Condition mChanged;
+    // Registered callbacks by process id; written by the service's binder calls.
+    std::map<int32_t, Client> mClients GUARDED_BY(mLock);
+    // Events not yet sent, oldest first.
+    std::deque<ServiceEvent> mQueue GUARDED_BY(mLock);
+    // True while the thread hands an event to the clients without mLock.
+    bool mDelivering GUARDED_BY(mLock) = false;
+    bool mStopping GUARDED_BY(mLock) = false;
+    // A short history for the debug command, and the total.
+    std::deque<ServiceEvent> mRecent GUARDED_BY(mLock);
+    uint64_t mSent GUARDED_BY(mLock) = 0;
+    // The sending thread; joined (or, from itself, detached) once by shutdown().
+    std::thread mThread;
+    std::once_flag mThreadEnded;
+};
+
+}  // namespace mirova::emulator

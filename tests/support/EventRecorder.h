@@ -1,0 +1,124 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// Caller callback objects that record every call, in one sequence shared by
+// any number of them, so that tests see the order across objects and can
+// wait for deliveries made on the library's worker thread.
+
+#pragma once
+
+#include <Vistrel.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace mirova {
+namespace test {
+
+// One call of a caller callback.
+struct Delivery {
+    int target;  // the id of the callback object called
+    int32_t event;
+    int32_t param1;
+    int32_t param2;
+    int32_t param3;  // 0 for a VistrelCallback
+    int64_t param4;  // 0 for a VistrelCallback
+    std::thread::id thread;
+};
+
+class EventRecorder {
+  public:
+    void record(const Delivery& delivery) {
+        std::lock_guard<std::mutex> guard(mLock);
+        mDeliveries.push_back(delivery);
+        mChanged.notify_all();
+    }
+    std::vector<Delivery> deliveries() {
+        std::lock_guard<std::mutex> guard(mLock);
+        return mDeliveries;
+    }
+    size_t size() {
+        std::lock_guard<std::mutex> guard(mLock);
+        return mDeliveries.size();
+    }
+    // Waits until at least `count` calls were recorded; false on timeout.
+    bool waitFor(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        std::unique_lock<std::mutex> guard(mLock);
+        return mChanged.wait_for(guard, timeout, [&] { return mDeliveries.size() >= count; });
+    }
+
+  private:
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    std::vector<Delivery> mDeliveries;
+};
+
+// Runs `hook`, when set, on the calling thread and then records the call.
+using DeliveryHook = std::function<void(const Delivery&)>;
+
+class RecordingCallback : public VistrelCallback {
+  public:
+    RecordingCallback(EventRecorder* recorder, int id) : mRecorder(recorder), mId(id) {}
+    void onHdmiEvent(int32_t event, int32_t param1, int32_t param2) override {
+        Delivery d{mId, event, param1, param2, 0, 0, std::this_thread::get_id()};
+        if (hook) hook(d);
+        mRecorder->record(d);  // last: a test may end as soon as it sees the call
+    }
+    DeliveryHook hook;  // set before the callback can be called
+
+  private:
+    EventRecorder* const mRecorder;
+    const int mId;
+};
+
+class RecordingCallback2 : public VistrelCallback2 {
+  public:
+    RecordingCallback2(EventRecorder* recorder, int id) : mRecorder(recorder), mId(id) {}
+    void onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
+                     int64_t param4) override {
+        Delivery d{mId, event, param1, param2, param3, param4, std::this_thread::get_id()};
+        if (hook) hook(d);
+        mRecorder->record(d);
+    }
+    DeliveryHook hook;
+
+  private:
+    EventRecorder* const mRecorder;
+    const int mId;
+};
+
+// The first command-line argument of this process, as /proc/self/cmdline
+// holds it: the name the library reports to the service.
+inline std::string ownProcessName() {
+    std::string name;
+    FILE* file = fopen("/proc/self/cmdline", "r");
+    if (file == nullptr) return name;
+    for (int c = fgetc(file); c != EOF && c != '\0'; c = fgetc(file)) {
+        name.push_back(static_cast<char>(c));
+    }
+    fclose(file);
+    return name;
+}
+
+}  // namespace test
+}  // namespace mirova

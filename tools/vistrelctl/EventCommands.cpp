@@ -1,0 +1,155 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// events, dump: what the service announces, and its own report.
+
+#define LOG_TAG "vistrelctl"
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "Commands.h"
+#include "Names.h"
+
+namespace mirova::vistrelctl {
+
+namespace {
+
+// Bounds the wait for one step's events, so that a lost event ends the command.
+constexpr int kEventTimeoutMs = 5000;
+
+}  // namespace
+
+void EventSink::onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
+                            int64_t param4) {
+    std::lock_guard<std::mutex> guard(mLock);
+    mEvents.push_back({{event, param1, param2, param3, param4}, std::chrono::steady_clock::now()});
+    mArrived.notify_all();
+}
+
+bool EventSink::waitForCount(size_t count, int timeoutMs) {
+    std::unique_lock<std::mutex> guard(mLock);
+    return mArrived.wait_for(guard, std::chrono::milliseconds(timeoutMs),
+                             [&] { return mEvents.size() >= count; });
+}
+
+std::vector<EventSink::Received> EventSink::events() {
+    std::lock_guard<std::mutex> guard(mLock);
+    return mEvents;
+}
+
+int runEvents(Context& ctx) {
+    int cycles = 2;
+    const std::vector<std::string>& a = ctx.args;
+    if (!a.empty() && !(a.size() == 2 && a[0] == "--cycles" && parseInt(a[1], 1, 20, &cycles))) {
+        return ctx.fail(kExitUsage, "events: '--cycles N' (1-20) expected");
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const std::vector<uint8_t> edid = ctx.service->sink().edid();
+    std::vector<std::pair<std::string, std::function<void()>>> steps;
+    for (int i = 0; i < cycles; ++i) {
+        steps.push_back({"unplug", [&] { ctx.service->unplug(); }});
+        steps.push_back({"plug", [&] { ctx.service->plug(); }});
+    }
+    steps.push_back({"edid-reread", [&] {
+                         std::string error;
+                         ctx.service->swapEdid(edid, &error);  // the same bytes: they parsed
+                     }});
+
+    Value rows = Value::array();
+    size_t seen = ctx.events->events().size();
+    if (!ctx.json)
+        printf("%10s  %-12s %-14s %8s %8s %8s  %s\n", "ms", "action", "event", "param1", "param2",
+               "param3", "param4");
+    for (const auto& [action, act] : steps) {
+        const uint64_t before = ctx.service->eventsSent();
+        act();
+        ctx.service->waitForEvents();
+        const size_t expected = seen + (ctx.service->eventsSent() - before);
+        if (!ctx.events->waitForCount(expected, kEventTimeoutMs)) {
+            return ctx.fail(kExitFailure, "events: the library delivered no event within " +
+                                                  std::to_string(kEventTimeoutMs / 1000) +
+                                                  " s after " + action);
+        }
+        const std::vector<EventSink::Received> all = ctx.events->events();
+        for (size_t i = seen; i < expected; ++i) {
+            const _vistrel_event& e = all[i].event;
+            const double ms = std::chrono::duration<double, std::milli>(all[i].at - start).count();
+            if (ctx.json) {
+                rows.push(Value::object()
+                                  .set("t_us", static_cast<int64_t>(ms * 1000))
+                                  .set("action", action)
+                                  .set("event", e.event)
+                                  .set("name", eventName(e.event))
+                                  .set("param1", e.param1)
+                                  .set("param2", e.param2)
+                                  .set("param3", e.param3)
+                                  .set("param4", e.param4));
+            } else {
+                printf("%10.3f  %-12s %-14s %8d %8d %8d  %lld\n", ms, action.c_str(),
+                       eventName(e.event).c_str(), e.param1, e.param2, e.param3,
+                       static_cast<long long>(e.param4));
+                fflush(stdout);
+            }
+        }
+        seen = expected;
+    }
+    if (ctx.json) ctx.report = Value::object().set("count", seen).set("events", rows);
+    return kExitOk;
+}
+
+int runDump(Context& ctx) {
+    const std::vector<std::string>& a = ctx.args;
+    int cmd = -1;
+    if (!a.empty() &&
+        !(a.size() == 2 && a[0] == "--cmd" && parseInt(a[1], INT32_MIN, INT32_MAX, &cmd))) {
+        return ctx.fail(kExitUsage, "dump: no argument, or '--cmd N' expected");
+    }
+    if (a.empty() && !ctx.json) {
+        fflush(stdout);
+        hdmi_dumpState(STDOUT_FILENO);  // the descriptor stays ours
+        return kExitOk;
+    }
+    FILE* file = tmpfile();
+    if (file == nullptr) return ctx.fail(kExitFailure, "dump: no temporary file");
+    int result = 0;
+    if (a.empty()) {
+        hdmi_dumpState(fileno(file));
+    } else {
+        result = hdmi_processHDMIDebugCmd(cmd, fileno(file));
+    }
+    std::string text;
+    rewind(file);
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof(buffer), file)) > 0) text.append(buffer, n);
+    fclose(file);
+    if (result != 0) {
+        return ctx.fail(kExitFailure, "dump --cmd " + std::to_string(cmd) +
+                                              ": the service does not know this command (" +
+                                              std::to_string(result) + ")");
+    }
+    if (ctx.json) {
+        ctx.report = Value::object().set("dump", text);
+    } else {
+        fputs(text.c_str(), stdout);
+    }
+    return kExitOk;
+}
+
+}  // namespace mirova::vistrelctl

@@ -1,0 +1,276 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// status, caps, formats, edid, hdr: what the TV can do, as the library reports it.
+
+#define LOG_TAG "vistrelctl"
+
+#include <string.h>
+
+#include "Commands.h"
+#include "Names.h"
+
+namespace mirova::vistrelctl {
+
+using namespace ::mirova::emulator;  // the service's codes
+
+namespace {
+
+bool noArguments(Context& ctx, const char* command) {
+    if (ctx.args.empty()) return true;
+    ctx.fail(kExitUsage, std::string(command) + ": unexpected argument '" + ctx.args[0] + "'");
+    return false;
+}
+
+std::string manufacturerText(int32_t packed) {
+    if (packed == 0) return "-";
+    return std::string{static_cast<char>((packed >> 16) & 0xff),
+                       static_cast<char>((packed >> 8) & 0xff), static_cast<char>(packed & 0xff)};
+}
+
+Value names(const std::vector<std::string>& list) {
+    Value v = Value::array();
+    for (const std::string& name : list) v.push(name);
+    return v;
+}
+
+}  // namespace
+
+bool readCaps(Context& ctx, const char* command, _HDMITVCapInfo* cap) {
+    const int result = hdmi_getTVCapInfo(cap);
+    if (result == 0) return true;
+    ctx.fail(kExitFailure, std::string(command) + ": hdmi_getTVCapInfo failed (" +
+                                   resultText(result) + "; is a TV plugged?)");
+    return false;
+}
+
+int runStatus(Context& ctx) {
+    if (!noArguments(ctx, "status")) return kExitUsage;
+    Value r = Value::object();
+    const bool plugged = hdmi_checkIfHDMIPlugged() == 1;
+    r.set("plugged", plugged);
+    r.set("edid_ready", hdmi_getHDMIEDIDReady() == 1);
+    r.set("output_on", hdmi_hdmiIsOn() == 1);
+    r.set("force_off", hdmi_getForceOffVal() == 1);
+    r.set("tv_3d", hdmi_isTVSupport3D() == 1);
+    r.set("dolby_vision", hdmi_envSupportsDv() != 0);
+    r.set("vrr_enabled", hdmi_getVRREnabled() != 0);
+    _HDMITVCapInfo cap;
+    if (plugged && hdmi_getTVCapInfo(&cap) == 0) {
+        r.set("tv", manufacturerText(cap.capWord46) + " " + std::to_string(cap.capWord47));
+        r.set("hdr", (cap.hdrCaps & 0x0E) != 0);
+        r.set("edid_bytes", cap.capWord3);
+    }
+    _HDMI_OUTPUT_FORMAT current{};
+    const int result = hdmi_getCurrentOutputFormat(&current);
+    if (result != 0) {
+        return ctx.fail(kExitFailure,
+                        "status: hdmi_getCurrentOutputFormat failed (" + resultText(result) + ")");
+    }
+    r.set("current_format", formatValue(current));
+    ctx.report = r;
+    return kExitOk;
+}
+
+int runCaps(Context& ctx) {
+    if (!noArguments(ctx, "caps")) return kExitUsage;
+    _HDMITVCapInfo cap;
+    if (!readCaps(ctx, "caps", &cap)) return kExitFailure;
+
+    Value r = Value::object();
+    r.set("manufacturer", manufacturerText(cap.capWord46));
+    r.set("product_code", cap.capWord47);
+    r.set("edid_bytes", cap.capWord3);
+    r.set("edid_blocks", cap.capWord20);
+    r.set("cta_revision", cap.capWord26);
+    r.set("hdmi", (cap.capWord7 & kCapHdmi) != 0);
+    r.set("hdmi_forum", (cap.capWord7 & kCapHdmiForum) != 0);
+    r.set("physical_address", physicalAddressText(cap.cec[0], cap.cec[1]));
+    r.set("max_tmds_mhz", cap.capWord0);
+    r.set("max_frl_rate", cap.capWord2);
+    std::vector<std::string> encodings = {"RGB"};
+    if (cap.capWord4 & kEncodingYCbCr444) encodings.push_back("YCbCr444");
+    if (cap.capWord4 & kEncodingYCbCr422) encodings.push_back("YCbCr422");
+    if (cap.capWord4 & kEncodingYCbCr420) encodings.push_back("YCbCr420");
+    r.set("encodings", names(encodings));
+    std::vector<std::string> depths;
+    for (auto [bit, name] : {std::pair(kDepth30, "10"), {kDepth36, "12"}, {kDepth48, "16"}}) {
+        if (cap.capWord5 & bit) depths.push_back(name);
+    }
+    r.set("deep_color", names(depths));
+    r.set("hdr_caps", cap.hdrCaps);
+    r.set("eotf", names(eotfNames(cap.hdrCaps)));
+    r.set("dolby_vision", (cap.capWord6 & kCapDolbyVision) != 0);
+    r.set("hdr10plus", (cap.capWord6 & kCapHdr10Plus) != 0);
+    r.set("allm", (cap.capWord7 & kCapAllm) != 0);
+    r.set("3d", (cap.capWord7 & kCap3d) != 0);
+    r.set("vrr_min", cap.vrrMin);
+    r.set("vrr_max", cap.vrrMax);
+    r.set("vrr_groups", hdmi_getVRRGroupInfo() != nullptr);
+
+    Value preferred = Value::object();
+    preferred.set("vic", cap.capWord24);
+    preferred.set("width", cap.capWord21);
+    preferred.set("height", cap.capWord22);
+    preferred.set("refresh_hz", cap.capWord23);
+    r.set("preferred_timing", preferred);
+    r.set("declared_vics", cap.capWord25);
+    Value hdmiVics = Value::array();
+    for (int i = 0; i < cap.valueCount; ++i) hdmiVics.push(cap.valueList[i]);
+    r.set("hdmi_vics", hdmiVics);
+
+    // The caller's record holds up to 10 descriptors; the service says how many the TV has.
+    r.set("audio_descriptors", cap.capWord30);
+    Value audio = Value::array();
+    for (int i = 0; i < cap.adbLength / 3; ++i) {
+        const _HDMI_AUDIO_DESC& d = cap.adb[i];
+        Value row = Value::object();
+        row.set("format", audioFormatName(d.field3));
+        row.set("channels", d.field4);
+        row.set("bytes", hexBytes(&d.field0, 3));
+        audio.push(row);
+    }
+    r.set("audio", audio);
+    if (cap.sadbLength > 0) {
+        r.set("speaker_allocation", hexBytes(cap.sadb, static_cast<size_t>(cap.sadbLength)));
+    } else {
+        r.set("speaker_allocation", Value());
+    }
+    ctx.report = r;
+    return kExitOk;
+}
+
+int runFormats(Context& ctx) {
+    int filter = 0;
+    for (const std::string& arg : ctx.args) {
+        if (arg != "--hdr-filter") {
+            return ctx.fail(kExitUsage, "formats: unexpected argument '" + arg + "'");
+        }
+        filter = 1;
+    }
+    const int result = hdmi_getEDIDSupportList(filter);
+    if (result != 0) {
+        return ctx.fail(kExitFailure,
+                        "formats: hdmi_getEDIDSupportList failed (" + resultText(result) + ")");
+    }
+    android::Vector<_HDMI_FORMAT_SUPPORT> list;
+    hdmi_queryEDIDSupportList(&list);
+
+    Value rows = Value::array();
+    for (const _HDMI_FORMAT_SUPPORT& f : list) {
+        Value row = Value::object();
+        row.set("vic", f.code);
+        row.set("name", vicName(f.code));
+        row.set("timing", vicTiming(f.code));
+        row.set("hz", f.flags6);
+        row.set("rgb", depthsText(f.flags1));
+        row.set("ycbcr444", depthsText(f.flags2));
+        row.set("ycbcr422", depthsText(f.flags3));
+        row.set("ycbcr420", depthsText(f.flags4));
+        row.set("native", (f.flags5 & kFormatNative) != 0);
+        row.set("preferred", (f.flags5 & kFormatPreferred) != 0);
+        row.set("flags", hexBytes(&f.flags1, 7));
+        rows.push(row);
+    }
+    Value r = Value::object();
+    r.set("hdr_filter", filter != 0);
+    r.set("count", list.size());
+    r.set("formats", rows);
+    ctx.report = r;
+    return kExitOk;
+}
+
+int runEdid(Context& ctx) {
+    if (!noArguments(ctx, "edid")) return kExitUsage;
+    // The service states the EDID's size in its capability record.
+    _HDMITVCapInfo cap;
+    if (!readCaps(ctx, "edid", &cap)) return kExitFailure;
+    std::vector<uint8_t> edid(static_cast<size_t>(cap.capWord3));
+    const int result = hdmi_getEDIDRawData(edid.data(), cap.capWord3);
+    if (result != 0) {
+        return ctx.fail(kExitFailure,
+                        "edid: hdmi_getEDIDRawData failed (" + resultText(result) + ")");
+    }
+    Value lines = Value::array();
+    for (size_t i = 0; i < edid.size(); i += 16) {
+        lines.push(hexBytes(edid.data() + i, std::min<size_t>(16, edid.size() - i)));
+    }
+    Value r = Value::object();
+    r.set("bytes", edid.size());
+    r.set("blocks", edid.size() / 128);
+    r.set("hex", lines);
+    ctx.report = r;
+    return kExitOk;
+}
+
+int runHdr(Context& ctx) {
+    if (!ctx.args.empty() && ctx.args[0] == "dv-mode") {
+        if (ctx.args.size() != 1) return ctx.fail(kExitUsage, "hdr dv-mode: no argument expected");
+        const int result = hdmi_setDVHDRModeForContent();
+        if (result == -38) {
+            return ctx.fail(kExitFailure, "hdr dv-mode: Dolby Vision is not available on this TV");
+        }
+        if (result != 0 && result != -17) {
+            return ctx.fail(kExitFailure, "hdr dv-mode: failed (" + resultText(result) + ")");
+        }
+        _HDMI_OUTPUT_FORMAT current{};
+        hdmi_getCurrentOutputFormat(&current);
+        Value r = Value::object();
+        r.set("changed", result == 0);  // -17: already in the Dolby Vision format
+        r.set("current_format", formatValue(current));
+        ctx.report = r;
+        return kExitOk;
+    }
+    if (!ctx.args.empty() && ctx.args[0] == "eotf") {
+        int mode = 0;
+        if (ctx.args.size() != 2 || !parseInt(ctx.args[1], INT32_MIN, INT32_MAX, &mode)) {
+            return ctx.fail(kExitUsage, "hdr eotf: one integer EOTF mode expected");
+        }
+        hdmi_setHDREotfMode(mode);
+        ctx.report = Value::object().set("eotf_mode", mode);
+        return kExitOk;
+    }
+    if (!noArguments(ctx, "hdr")) return kExitUsage;
+
+    _HDMITVCapInfo cap;
+    if (!readCaps(ctx, "hdr", &cap)) return kExitFailure;
+    int list[16];
+    int len = 0;
+    const int result = hdmi_getHDRSupportList(list, 16, &len);
+    if (result != 0) {
+        return ctx.fail(kExitFailure,
+                        "hdr: hdmi_getHDRSupportList failed (" + resultText(result) + ")");
+    }
+    Value formats = Value::array();
+    for (int i = 0; i < len; ++i) formats.push(hdrListName(list[i]));
+    Value modes = Value::object();
+    for (int mode : {kHdrModeSdr, kHdrModeDolbyVision, kHdrModeAuto, kHdrModeHdr10, kHdrModeHlg}) {
+        modes.set(hdrModeName(mode), hdmi_checkHDRModeSupported(mode) == 1);
+    }
+    Value r = Value::object();
+    r.set("hdr", (cap.hdrCaps & 0x0E) != 0);
+    r.set("hdr_caps", cap.hdrCaps);
+    r.set("eotf", names(eotfNames(cap.hdrCaps)));
+    r.set("list", formats);
+    r.set("dolby_vision", hdmi_envSupportsDv() != 0);
+    r.set("under_dolby_vision", hdmi_isUnderDoviMode(0) == 1);
+    r.set("auto_property", hdmi_readHDRAutoProperty());
+    r.set("modes", modes);
+    ctx.report = r;
+    return kExitOk;
+}
+
+}  // namespace mirova::vistrelctl

@@ -1,0 +1,193 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// vistrelctl: pokes libVistrel by hand, as a composer or media player would,
+// against an emulated TV. The emulated HDMI service runs in this process
+// (the service registry is in-process); everything else goes through the
+// library's flat hdmi_* interface.
+
+#define LOG_TAG "vistrelctl"
+
+#include <Vistrel.h>
+#include <android/log.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "DefaultEdid.h"
+#include "HdmiUtilEmulator.h"
+
+namespace mirova::vistrelctl {
+namespace {
+
+constexpr const char* kUsage =
+        "usage: vistrelctl [--edid FILE] [--json] [--verbose] COMMAND [ARGS]\n"
+        "\n"
+        "Runs libVistrel against an emulated TV (default: the built-in LG OLED C9 EDID,\n"
+        "a 4K HDR TV) and shows what the library reports.\n"
+        "\n"
+        "commands:\n"
+        "  status                         plug state, output state, current format\n"
+        "  caps                           TV capabilities (hdmi_getTVCapInfo)\n"
+        "  formats [--hdr-filter]         the TV's formats with VIC names and colour depths\n"
+        "  edid                           the raw EDID in hex\n"
+        "  format get [current|stored|auto]\n"
+        "  format set VIC [OPTIONS]       switch the output (VIC 0-255 or auto)\n"
+        "  format save VIC [OPTIONS]      store the format used at the next plug\n"
+        "  format supported VIC [OPTIONS] ask whether the TV takes a format\n"
+        "  format composer VIC [PARAM]    the composer's shortcut (hdmi_hwcSetOutputFormat)\n"
+        "  format content TYPE            none, graphics, photo, cinema or game\n"
+        "      OPTIONS: --color rgb|444|422|420|auto  --depth 8|10|12|16|auto\n"
+        "               --hdr sdr|dolby-vision|auto|hdr10|hlg  --content TYPE\n"
+        "               --param N  --mode N  --flags N (set only)\n"
+        "  hdr                            HDR list, Dolby Vision, HDR mode support\n"
+        "  hdr dv-mode                    switch the output to Dolby Vision\n"
+        "  hdr eotf N                     set the EOTF mode\n"
+        "  prop get INDEX | prop set INDEX VALUE   numbered properties (9: 4K HDR)\n"
+        "  vrr [on|off|fps N]             VRR range, state and groups\n"
+        "  allm [on|off]                  auto low-latency mode\n"
+        "  routing [same-source|dual|diff-source N]   HDMI and DisplayPort routing\n"
+        "  device [5v on|off | enable on|off | display N | color-mode N | edid-auto N]\n"
+        "  topology [PLANE HDR [I0 I1 I2 I3]]   composer plane reports and what reached\n"
+        "                                 the service\n"
+        "  events [--cycles N]            plug and unplug the TV N times (default 2) and\n"
+        "                                 show the events the library delivers\n"
+        "  dump [--cmd N]                 the service's state report (or debug command N)\n"
+        "\n"
+        "options:\n"
+        "  --edid FILE   emulate the TV of this EDID file instead\n"
+        "  --json        print the result as JSON (nothing else on stdout)\n"
+        "  --verbose     show the library's and the service's log lines on stderr\n"
+        "  --help        this text\n"
+        "\n"
+        "Exit status: 0 success, 1 a failure (unreadable or malformed EDID, a library\n"
+        "call that failed), 2 a usage error.\n";
+
+struct CommandEntry {
+    const char* name;
+    Command run;
+};
+
+constexpr CommandEntry kCommands[] = {
+        {"status", runStatus},   {"caps", runCaps},     {"formats", runFormats},
+        {"edid", runEdid},       {"format", runFormat}, {"hdr", runHdr},
+        {"prop", runProp},       {"vrr", runVrr},       {"allm", runAllm},
+        {"routing", runRouting}, {"device", runDevice}, {"topology", runTopology},
+        {"events", runEvents},   {"dump", runDump},
+};
+
+bool gVerbose = false;
+
+// Log lines go to stderr with --verbose; otherwise only fatal ones.
+void logToStderr(const struct __android_logger_data* data, const char* message) {
+    if (!gVerbose && data->priority < ANDROID_LOG_FATAL) return;
+    static const char kLetters[] = "??VDIWEF";
+    const int p = data->priority;
+    const char letter = p >= 0 && p < 8 ? kLetters[p] : '?';
+    fprintf(stderr, "%c %s: %s\n", letter, data->tag != nullptr ? data->tag : "", message);
+}
+
+int error(int code, const std::string& message) {
+    fprintf(stderr, "vistrelctl: %s\n", message.c_str());
+    return code;
+}
+
+int run(int argc, char** argv) {
+    std::string edidPath;
+    bool json = false;
+    bool help = false;
+    std::vector<std::string> words;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--json") {
+            json = true;
+        } else if (arg == "--verbose" || arg == "-v") {
+            gVerbose = true;
+        } else if (arg == "--help" || arg == "-h") {
+            help = true;
+        } else if (arg == "--edid") {
+            if (i + 1 >= argc) return error(kExitUsage, "--edid needs a file name");
+            edidPath = argv[++i];
+        } else if (arg.rfind("--edid=", 0) == 0) {
+            edidPath = arg.substr(7);
+        } else {
+            words.push_back(arg);  // the command, its arguments and its options
+        }
+    }
+    if (help) {
+        fputs(kUsage, stdout);
+        return kExitOk;
+    }
+    if (words.empty()) return error(kExitUsage, "no command given (see --help)");
+    Command command = nullptr;
+    for (const CommandEntry& entry : kCommands) {
+        if (words[0] == entry.name) command = entry.run;
+    }
+    if (command == nullptr) {
+        return error(kExitUsage, "unknown command '" + words[0] + "' (see --help)");
+    }
+
+    __android_log_set_logger(logToStderr);
+    __android_log_set_minimum_priority(gVerbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_FATAL);
+
+    // The emulated TV and its HDMI service, started as the real service starts.
+    std::string why;
+    ::android::sp<emulator::HdmiUtilEmulator> service;
+    if (edidPath.empty()) {
+        service = emulator::HdmiUtilEmulator::fromEdid(
+                std::vector<uint8_t>(std::begin(kDefaultEdid), std::end(kDefaultEdid)), &why);
+    } else {
+        service = emulator::HdmiUtilEmulator::fromFile(edidPath, &why);
+        if (service == nullptr && why.rfind("malformed", 0) == 0) why = edidPath + ": " + why;
+    }
+    if (service == nullptr) return error(kExitFailure, why);
+    if (service->publish() != ::android::OK) {
+        return error(kExitFailure, "the emulated HDMI service could not be registered");
+    }
+
+    EventSink events;
+    hdmi_createLib(nullptr, &events);
+    hdmi_setCallback();
+
+    Context ctx;
+    ctx.service = service;
+    ctx.events = &events;
+    ctx.args.assign(words.begin() + 1, words.end());
+    ctx.json = json;
+    const int code = command(ctx);
+
+    hdmi_removeCallback();
+    hdmi_releaseLib();
+    service->shutdown();
+
+    if (code != kExitOk) return error(code, ctx.error);
+    if (json) {
+        fputs(ctx.report.toJson().c_str(), stdout);
+    } else if (ctx.report.kind() != Value::Kind::kNull) {
+        fputs(ctx.report.toText().c_str(), stdout);
+    }
+    return kExitOk;
+}
+
+}  // namespace
+}  // namespace mirova::vistrelctl
+
+int main(int argc, char** argv) {
+    return mirova::vistrelctl::run(argc, argv);
+}
