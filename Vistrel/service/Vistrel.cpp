@@ -53,6 +53,10 @@ static KeyedVector<Vistrel*, sp<HdmiControl>> gHdmiControls;
 // ---------------------------------------------------------------------------
 
 Vistrel::Vistrel() : mHwcTopo(), mPlayerTopo(), mPlaneInstance(), mVrrGroupInfo() {
+    // The entry frame deletes this object itself; no sp<> ever holds it. With
+    // the weak lifetime ~RefBase frees the reference counts as well, where it
+    // would otherwise leak them (and log an explicit-destruction warning).
+    extendObjectLifetime(OBJECT_LIFETIME_WEAK);
     ALOGD("Vistrel()");
     {
         Mutex::Autolock _l(mEventLock);
@@ -167,13 +171,15 @@ bool Vistrel::takeEvent(_vistrel_event* event) {
 }
 
 void Vistrel::handleEventAsync(_vistrel_event event) {
-    // Read now, so that new callbacks apply from the next delivery on.
+    // Both read before either runs: new callbacks apply from the next delivery
+    // on, and nothing of this object is touched once a callback has run (the
+    // first one may release the library).
     VistrelCallback* callback = mCallback.load();
+    VistrelCallback2* callback2 = mCallback2.load();
     if (callback != nullptr) {
         ALOGD("[HDMIEVNT][%s] deliver event to outside", "handleEventAsync");
         callback->onHdmiEvent(event.event, event.param1, event.param2);
     }
-    VistrelCallback2* callback2 = mCallback2.load();
     if (callback2 != nullptr) {
         ALOGD("[HDMIEVNT][%s] deliver event to outside", "handleEventAsync");
         callback2->onHdmiEvent(event.event, event.param1, event.param2, event.param3,

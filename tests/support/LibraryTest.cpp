@@ -40,6 +40,9 @@ void LibraryTest::SetUp() {
 }
 
 void LibraryTest::TearDown() {
+    // An event hand-over still in progress holds the library's service client,
+    // which holds the fake: let it finish before the release.
+    if (fake != nullptr) fake->flushEvents();
     resetPlatform();
     fake.clear();
 }
