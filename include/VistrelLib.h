@@ -292,9 +292,11 @@ class Vistrel : public ::android::RefBase {
     HDRContentTopo_t mPlayerTopo GUARDED_BY(mTopoLock);
     // The composer's two plane records (planes 1 and 2).
     HDRInstance_t mPlaneInstance[2] GUARDED_BY(mTopoLock);
-    // The event queue, oldest first from mEventsHead; guarded by mEventLock.
+    // The event queue: the events in [mEventsHead, mEventsTail), oldest first;
+    // guarded by mEventLock.
     ::android::Vector<_vistrel_event> mEvents GUARDED_BY(mEventLock);
     size_t mEventsHead GUARDED_BY(mEventLock) = 0;
+    size_t mEventsTail GUARDED_BY(mEventLock) = 0;
     ::android::Mutex mEventLock;
     // The VRR group table, fixed after construction.
     _HDMI_VRR_GROUP_INFO mVrrGroupInfo;

@@ -41,8 +41,13 @@ namespace {
 constexpr const char* kServiceStartProperty = "vendor.mirova.hdmi.service.start";
 constexpr size_t kEventQueueReserve = 64;
 // Consumed events are dropped from the front of the queue in batches, so that
-// taking the oldest event never moves the others one by one.
-constexpr size_t kEventCompactThreshold = 1024;
+// taking the oldest event never moves the others one by one. A batch waits
+// until it is large and the events still queued are few beside it: what moves
+// is then a small fraction of what was taken.
+constexpr size_t kEventCompactThreshold = 65536;
+constexpr size_t kEventCompactRatio = 4;
+// A drained queue keeps its storage up to this many events.
+constexpr size_t kEventShrinkLimit = 4096;
 
 }  // namespace
 
@@ -144,27 +149,41 @@ void Vistrel::removeCallback() {
 
 size_t Vistrel::getEventsSize() {
     Mutex::Autolock _l(mEventLock);
-    return mEvents.size() - mEventsHead;
+    return mEventsTail - mEventsHead;
 }
 
 void Vistrel::queueEvent(const _vistrel_event& event) {
     {
         Mutex::Autolock _l(mEventLock);
-        mEvents.push_back(event);
+        // Slots before the end that a drained queue left behind are reused.
+        if (mEventsTail < mEvents.size()) {
+            mEvents.editItemAt(mEventsTail) = event;
+        } else {
+            mEvents.push_back(event);
+        }
+        ++mEventsTail;
     }
     if (mWorker != nullptr) mWorker->wake();
 }
 
 bool Vistrel::takeEvent(_vistrel_event* event) {
     Mutex::Autolock _l(mEventLock);
-    if (mEventsHead >= mEvents.size()) return false;
+    if (mEventsHead >= mEventsTail) return false;
     *event = mEvents[mEventsHead++];
-    if (mEventsHead == mEvents.size()) {
-        mEvents.clear();
+    if (mEventsHead == mEventsTail) {
+        // Empty: start again at the front. The storage stays for the next
+        // events, unless a backlog grew it far beyond the reserve.
         mEventsHead = 0;
-    } else if (mEventsHead >= kEventCompactThreshold && mEventsHead * 2 >= mEvents.size()) {
-        // At most as many events move as were taken since the last compaction.
+        mEventsTail = 0;
+        if (mEvents.size() > kEventShrinkLimit) {
+            mEvents.clear();
+            mEvents.setCapacity(kEventQueueReserve);
+        }
+    } else if (mEventsHead >= kEventCompactThreshold &&
+               (mEventsTail - mEventsHead) * kEventCompactRatio <= mEventsHead) {
+        // A queue that never empties still gives back what was taken.
         mEvents.removeItemsAt(0, mEventsHead);
+        mEventsTail -= mEventsHead;
         mEventsHead = 0;
     }
     return true;
