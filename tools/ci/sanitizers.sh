@@ -53,16 +53,22 @@ run_leg() {
     return $status
 }
 
+asan_reports=$root/build-asan/sanitizer-reports
+asan_options="halt_on_error=1:exitcode=66:detect_leaks=1:strict_string_checks=1"
+ubsan_options="halt_on_error=1:exitcode=67:print_stacktrace=1"
 asan_status=0
-ASAN_OPTIONS="halt_on_error=1:exitcode=66:detect_leaks=1:strict_string_checks=1:log_path=$root/build-asan/sanitizer-reports/asan" \
-UBSAN_OPTIONS="halt_on_error=1:exitcode=67:print_stacktrace=1:log_path=$root/build-asan/sanitizer-reports/ubsan" \
+ASAN_OPTIONS="$asan_options:log_path=$asan_reports/asan" \
+UBSAN_OPTIONS="$ubsan_options:log_path=$asan_reports/ubsan" \
     run_leg "address+undefined" build-asan address,undefined || asan_status=$?
 
+# The suppressions cover only the uninstrumented host libraries; each entry
+# says why its reports are not races.
+tsan_reports=$root/build-tsan/sanitizer-reports
+tsan_options="halt_on_error=1:exitcode=68:second_deadlock_stack=1"
+tsan_options+=":suppressions=$root/tools/ci/tsan.supp"
 tsan_status=0
-tsan_options="halt_on_error=1:exitcode=68:second_deadlock_stack=1:log_path=$root/build-tsan/sanitizer-reports/tsan"
-# Only for the uninstrumented host libraries; each entry says why.
-[ -f tools/ci/tsan.supp ] && tsan_options+=":suppressions=$root/tools/ci/tsan.supp"
-TSAN_OPTIONS=$tsan_options run_leg "thread" build-tsan thread || tsan_status=$?
+TSAN_OPTIONS="$tsan_options:log_path=$tsan_reports/tsan" \
+    run_leg "thread" build-tsan thread || tsan_status=$?
 
 echo "sanitizers:"
 for line in "${summary[@]}"; do echo "  $line"; done
