@@ -26,41 +26,25 @@ namespace mirova {
 namespace test {
 namespace {
 
-using ::testing::_;
 using ::testing::Return;
 
 class NumberedPropertiesTest : public FormatTest {};
 
-TEST_F(NumberedPropertiesTest, GetPassesAnyIndexAndReturnsAnswer) {
+TEST_F(NumberedPropertiesTest, AnyIndexIsPassedUnchangedAndNothingIsKept) {
     const struct {
         int index;
-        int32_t answer;
-    } cases[] = {{0, 5}, {1, -38}, {9, 1}, {-1, 42}, {INT_MIN, INT_MAX}, {1000, INT_MIN}};
+        int32_t value;
+    } cases[] = {{0, 5}, {1, -38}, {9, 1}, {-1, 42}, {INT_MIN, INT_MAX}, {1000, INT_MIN}, {9, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.index);
-        EXPECT_CALL(*fake, getPropVal(c.index)).WillOnce(Return(c.answer));
-        EXPECT_EQ(hdmi_getPropVal(c.index), c.answer);
-    }
-    // Nothing is kept: the next read asks again.
-    EXPECT_CALL(*fake, getPropVal(9)).WillOnce(Return(0));
-    EXPECT_EQ(hdmi_getPropVal(9), 0);
-}
-
-TEST_F(NumberedPropertiesTest, SetPassesIndexAndValueAndReturnsZero) {
-    const struct {
-        int index;
-        int value;
-    } cases[] = {{0, 1}, {9, 0}, {-1, 5}, {INT_MIN, INT_MAX}, {42, -7}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.index);
+        EXPECT_CALL(*fake, getPropVal(c.index)).WillOnce(Return(c.value));
+        EXPECT_EQ(hdmi_getPropVal(c.index), c.value);
         EXPECT_CALL(*fake, setPropVal(c.index, c.value));
         EXPECT_EQ(hdmi_setPropVal(c.index, c.value), 0);
     }
 }
 
-TEST_F(NumberedPropertiesTest, IgnoreShortcutsAddressIndicesZeroAndOne) {
-    EXPECT_CALL(*fake, getPropVal(_)).Times(0);
-    EXPECT_CALL(*fake, setPropVal(_, _)).Times(0);
+TEST_F(NumberedPropertiesTest, ShortcutsAddressTheirIndexAndReturnTheirConstants) {
     EXPECT_CALL(*fake, getPropVal(0)).WillOnce(Return(11));
     EXPECT_CALL(*fake, getPropVal(1)).WillOnce(Return(22));
     EXPECT_CALL(*fake, setPropVal(0, 33));
@@ -69,15 +53,9 @@ TEST_F(NumberedPropertiesTest, IgnoreShortcutsAddressIndicesZeroAndOne) {
     EXPECT_EQ(hdmi_getIgnoreHotplugValue(), 22);
     EXPECT_EQ(hdmi_setIgnoreEDIDValue(33), 0);
     EXPECT_EQ(hdmi_setIgnoreHotplugValue(-44), 0);
-}
 
-TEST_F(NumberedPropertiesTest, ClearOneStepInfoReturnsOne) {
-    EXPECT_CALL(*fake, clearOneStepInfo()).Times(2);
+    EXPECT_CALL(*fake, clearOneStepInfo());
     EXPECT_EQ(hdmi_clearOneStepInfo(), 1);
-    EXPECT_EQ(hdmi_clearOneStepInfo(), 1);
-}
-
-TEST_F(NumberedPropertiesTest, ForceOffValueIsZeroOrOne) {
     EXPECT_CALL(*fake, getForceOffVal()).WillOnce(Return(true)).WillOnce(Return(false));
     EXPECT_EQ(hdmi_getForceOffVal(), 1);
     EXPECT_EQ(hdmi_getForceOffVal(), 0);

@@ -14,11 +14,18 @@
  * limitations under the License.
  */
 
-// The output format record between caller and service: the three reads, set,
-// save and the support question.
+// The output format between caller and service (the three reads, set, save,
+// the support question), the composer's shortcuts that turn a timing or a
+// content type into a whole format, the switch into the Dolby Vision format,
+// the HDR pass-throughs and the 4K HDR synchronisation run at construction.
 
+#include <cutils/properties.h>
+#include <cutils/properties_host.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+
+#include <string>
+#include <utility>
 
 #include "support/FormatTest.h"
 
@@ -27,160 +34,380 @@ namespace test {
 namespace {
 
 using ::testing::_;
+using ::testing::InSequence;
+using ::testing::Invoke;
 using ::testing::Return;
 
-enum class Read { kCurrent, kStored, kResolvedAuto };
+constexpr int kHwcFlags = 0x4004;
 
 struct ReadOperation {
-    Read which;
     const char* method;
     int (*call)(_HDMI_OUTPUT_FORMAT*);
 };
+const ReadOperation kReads[] = {{"getCurrentOutputFormat", hdmi_getCurrentOutputFormat},
+                                {"readOutputFormat", hdmi_readOutputFormat},
+                                {"getResolvedAutoOutputFormat", hdmi_getResolvedAutoOutputFormat}};
 
-const ReadOperation kReads[] = {
-        {Read::kCurrent, "getCurrentOutputFormat", hdmi_getCurrentOutputFormat},
-        {Read::kStored, "readOutputFormat", hdmi_readOutputFormat},
-        {Read::kResolvedAuto, "getResolvedAutoOutputFormat", hdmi_getResolvedAutoOutputFormat},
-};
+// The composer's format for a timing, with the HDR mode it chose.
+OutputFormat composed(uint8_t vic, uint8_t vicParam, uint8_t hdr) {
+    return makeFormat(0x80, vic, vicParam, 255, 255, 0, hdr, 0);
+}
 
 class OutputFormatTest : public FormatTest {
   protected:
-    // The chosen read answers once with `action`; the other two must not be asked.
     template <typename Action>
-    void expectOnly(Read which, Action action) {
-        if (which == Read::kCurrent) {
-            EXPECT_CALL(*fake, getCurrentOutputFormat(_)).WillOnce(action);
-        } else {
-            EXPECT_CALL(*fake, getCurrentOutputFormat(_)).Times(0);
-        }
-        if (which == Read::kStored) {
-            EXPECT_CALL(*fake, readOutputFormat(_)).WillOnce(action);
-        } else {
-            EXPECT_CALL(*fake, readOutputFormat(_)).Times(0);
-        }
-        if (which == Read::kResolvedAuto) {
-            EXPECT_CALL(*fake, getResolvedAutoOutputFormat(_)).WillOnce(action);
-        } else {
-            EXPECT_CALL(*fake, getResolvedAutoOutputFormat(_)).Times(0);
-        }
+    void expectRead(size_t which, Action action) {
+        if (which == 0) EXPECT_CALL(*fake, getCurrentOutputFormat(_)).WillOnce(action);
+        if (which == 1) EXPECT_CALL(*fake, readOutputFormat(_)).WillOnce(action);
+        if (which == 2) EXPECT_CALL(*fake, getResolvedAutoOutputFormat(_)).WillOnce(action);
+    }
+
+    // Property 9, as the composer path reads it, answers these in turn.
+    template <typename... Actions>
+    void expectSwitchReads(Actions... actions) {
+        EXPECT_CALL(*fake, getPropVal(_)).Times(0);
+        auto& call = EXPECT_CALL(*fake, getPropVal(9)).Times(sizeof...(actions));
+        (call.WillOnce(std::move(actions)), ...);
     }
 };
 
-TEST_F(OutputFormatTest, RefusedReadLeavesCallerRecordUntouched) {
-    for (const ReadOperation& read : kReads) {
-        SCOPED_TRACE(read.method);
-        LogCapture::clear();
-        // The record that comes with a refusal must not reach the caller either.
-        expectOnly(read.which, AnswerRecord(0, makeFormat(1, 2, 3, 4, 5, 6, 7, 8)));
-        _HDMI_OUTPUT_FORMAT fmt = filledFormat(0xAA);
-        EXPECT_EQ(read.call(&fmt), kInvalidOperation);
-        EXPECT_TRUE(sameBytes(fmt, filledFormat(0xAA)));
-        EXPECT_EQ(problemLines(), 0);
-        ::testing::Mock::VerifyAndClearExpectations(fake.get());
-    }
-}
-
-TEST_F(OutputFormatTest, FailedReadLeavesCallerRecordUntouchedAndLogsOnce) {
-    for (const ReadOperation& read : kReads) {
-        SCOPED_TRACE(read.method);
-        LogCapture::clear();
-        expectOnly(read.which, FailTransport());
-        _HDMI_OUTPUT_FORMAT fmt = filledFormat(0xAA);
-        EXPECT_EQ(read.call(&fmt), kDeadObject);
-        EXPECT_TRUE(sameBytes(fmt, filledFormat(0xAA)));
-        EXPECT_EQ(LogCapture::countExact(std::string(read.method) + " Error", ANDROID_LOG_ERROR,
-                                         kVistrelTag),
-                  1);
-        EXPECT_EQ(problemLines(), 1);
-        ::testing::Mock::VerifyAndClearExpectations(fake.get());
-    }
-}
-
-TEST_F(OutputFormatTest, AcceptedReadOverwritesAllEightBytes) {
-    // Any nonzero status is an answer; zero bytes in the answer are written too.
+TEST_F(OutputFormatTest, ReadsWriteTheCallerRecordOnlyOnSuccess) {
     const struct {
+        const char* what;
+        bool callsBack;  // whether the result callback runs at all
         int32_t status;
-        OutputFormat answer;
-    } cases[] = {{1, makeFormat(0x80, 97, 1, 2, 10, 3, 2, 4)},
-                 {-1, makeFormat(0, 0, 0, 0, 0, 0, 0, 0)},
-                 {7, makeFormat(255, 255, 255, 255, 255, 255, 255, 255)}};
-    for (const ReadOperation& read : kReads) {
+        OutputFormat record;
+        bool transportFails;
+        int result;  // the caller's record is written only when this is 0
+    } cases[] = {
+            {"refusal", true, 0, makeFormat(1, 2, 3, 4, 5, 6, 7, 8), false, kInvalidOperation},
+            {"no callback", false, 1, {}, false, kInvalidOperation},
+            {"transport failure", false, 0, {}, true, kDeadObject},
+            // The transport status decides even after the callback has run.
+            {"failure after callback", true, 1, makeFormat(1, 2, 3, 4, 5, 6, 7, 8), true,
+             kDeadObject},
+            // Any nonzero status is an answer; zero bytes in it are written too.
+            {"status 1", true, 1, makeFormat(0x80, 97, 1, 2, 10, 3, 2, 4), false, 0},
+            {"status -1", true, -1, makeFormat(0, 0, 0, 0, 0, 0, 0, 0), false, 0},
+            {"status INT32_MIN", true, INT32_MIN,
+             makeFormat(255, 255, 255, 255, 255, 255, 255, 255), false, 0},
+    };
+    for (size_t which = 0; which < 3; ++which) {
         for (const auto& c : cases) {
-            SCOPED_TRACE(::testing::Message() << read.method << " status " << c.status);
+            SCOPED_TRACE(::testing::Message() << kReads[which].method << ", " << c.what);
             LogCapture::clear();
-            expectOnly(read.which, AnswerRecord(c.status, c.answer));
-            _HDMI_OUTPUT_FORMAT fmt = filledFormat(0xAA);
-            EXPECT_EQ(read.call(&fmt), 0);
-            EXPECT_TRUE(sameBytes(fmt, callerFormat(c.answer)));
-            EXPECT_EQ(problemLines(), 0);
+            expectRead(which, Invoke([&c](IHdmiUtil::getCurrentOutputFormat_cb cb) {
+                           if (c.callsBack) cb(c.status, c.record);
+                           return c.transportFails
+                                          ? ::android::hardware::Return<void>(transportFailure())
+                                          : Void();
+                       }));
+            _HDMI_OUTPUT_FORMAT fmt;
+            memset(&fmt, 0xAA, sizeof(fmt));
+            EXPECT_EQ(kReads[which].call(&fmt), c.result);
+            EXPECT_TRUE(c.result == 0 ? memcmp(&fmt, &c.record, sizeof(fmt)) == 0
+                                      : allBytes(&fmt, sizeof(fmt), 0xAA));
+            EXPECT_EQ(errorLines(kReads[which].method), c.transportFails ? 1 : 0);
+            EXPECT_EQ(problemLines(), c.transportFails ? 1 : 0);
             ::testing::Mock::VerifyAndClearExpectations(fake.get());
         }
     }
 }
 
-TEST_F(OutputFormatTest, NullRecordIsFatal) {
-    for (const ReadOperation& read : kReads) {
-        SCOPED_TRACE(read.method);
-        EXPECT_DEATH(read.call(nullptr),
-                     "HDMI-HIDL-Vistrel: .*OutputFormat.cpp:[0-9]+: CHECK\\(fmt != NULL\\) "
-                     "failed\\.");
-    }
-    EXPECT_DEATH(hdmi_setOutputFormat(nullptr, 0),
-                 "VistrelWrapper: .*HDMIWrapper.cpp:[0-9]+: CHECK\\(fmt != NULL\\) failed\\.");
-    EXPECT_DEATH(hdmi_saveOutputFormat(nullptr),
-                 "VistrelWrapper: .*HDMIWrapper.cpp:[0-9]+: CHECK\\(fmt != NULL\\) failed\\.");
-}
-
-TEST_F(OutputFormatTest, SetPassesRecordAndFlagsAndReturnsAnswer) {
-    const OutputFormat sent = makeFormat(0x80, 16, 1, 2, 10, 3, 2, 4);
+TEST_F(OutputFormatTest, SetSaveSupportAnd3DPassTheirArguments) {
+    const OutputFormat sent = makeFormat(0x80, 16, 0, 255, 255, 0, 2, 0);
     const _HDMI_OUTPUT_FORMAT fmt = callerFormat(sent);
-    const struct {
-        int flags;
-        int32_t answer;
-    } cases[] = {{0x4004, 0}, {0, -22}, {INT_MIN, INT_MAX}, {-1, -1}, {0x806, 0x12345678}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << "flags " << c.flags << " answer " << c.answer);
-        EXPECT_CALL(*fake, setOutputFormat(sent, c.flags)).WillOnce(Return(c.answer));
-        EXPECT_EQ(hdmi_setOutputFormat(&fmt, c.flags), c.answer);
+    // Flags travel unchanged; the service's answer comes back unchanged.
+    for (int flags : {0x4004, 0, INT_MIN}) {
+        EXPECT_CALL(*fake, setOutputFormat(sent, flags)).WillOnce(Return(flags ^ 0x5A5A));
+        EXPECT_EQ(hdmi_setOutputFormat(&fmt, flags), flags ^ 0x5A5A);
     }
+    EXPECT_CALL(*fake, saveOutputFormat(sent));
+    EXPECT_EQ(hdmi_saveOutputFormat(&fmt), 0);
+    // Supported only when the service answers exactly 1; the record travels by value.
+    for (int32_t answer : {1, 0, 2, -1, INT_MIN}) {
+        EXPECT_CALL(*fake, isOutputFormatSupported(sent)).WillOnce(Return(answer));
+        EXPECT_EQ(hdmi_isOutputFormatSupported(fmt), answer == 1 ? 0 : kBadValue) << answer;
+    }
+    // Exact comparison: a float is not rounded to an integer on the way.
+    EXPECT_CALL(*fake, setHDMIFormat3D(-1, -0.75f)).WillOnce(Return(-22));
+    EXPECT_CALL(*fake, setVideoFps(INT_MAX, INT_MIN)).WillOnce(Return(INT_MAX));
+    EXPECT_EQ(hdmi_setHDMIFormat3D(-1, -0.75f), -22);
+    EXPECT_EQ(hdmi_setVideoFps(INT_MAX, INT_MIN), INT_MAX);
     EXPECT_EQ(problemLines(), 0);
 }
 
-TEST_F(OutputFormatTest, SaveReturnsZeroAndPassesRecord) {
-    const OutputFormat sent = makeFormat(0x80, 102, 7, 0, 12, 1, 1, 3);
-    const _HDMI_OUTPUT_FORMAT fmt = callerFormat(sent);
-    EXPECT_CALL(*fake, saveOutputFormat(sent)).Times(2);
-    EXPECT_EQ(hdmi_saveOutputFormat(&fmt), 0);
-    EXPECT_EQ(hdmi_saveOutputFormat(&fmt), 0);
-}
-
-TEST_F(OutputFormatTest, SupportedOnlyWhenServiceAnswersOne) {
-    // The record travels by value: its eight bytes arrive in order.
-    const OutputFormat sent = makeFormat(0x80, 16, 0, 255, 255, 0, 2, 0);
-    const struct {
-        int32_t answer;
-        int result;
-    } cases[] = {{1, 0}, {0, kBadValue}, {2, kBadValue}, {-1, kBadValue}, {INT_MIN, kBadValue}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.answer);
-        EXPECT_CALL(*fake, isOutputFormatSupported(sent)).WillOnce(Return(c.answer));
-        EXPECT_EQ(hdmi_isOutputFormatSupported(callerFormat(sent)), c.result);
-    }
-}
-
-TEST_F(OutputFormatTest, TransportFailuresOfSetSaveAndSupportGiveDeadObject) {
+// The value and no-result forms: a failed Return is examined, never read or
+// dropped (either would abort), and mapped once.
+TEST_F(OutputFormatTest, TransportFailuresOfTheValueAndNoResultForms) {
     const _HDMI_OUTPUT_FORMAT fmt = callerFormat(makeFormat(0x80, 16, 0, 1, 8, 0, 0, 0));
     EXPECT_CALL(*fake, setOutputFormat(_, _)).WillOnce(FailTransport());
     EXPECT_CALL(*fake, saveOutputFormat(_)).WillOnce(FailTransport());
     EXPECT_CALL(*fake, isOutputFormatSupported(_)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, acquireLock(4)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, releaseLock(4)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, setHDMIFormat3D(_, _)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, setVideoFps(_, _)).WillOnce(FailTransport());
     EXPECT_EQ(hdmi_setOutputFormat(&fmt, 0x4004), kDeadObject);
     EXPECT_EQ(hdmi_saveOutputFormat(&fmt), kDeadObject);
     EXPECT_EQ(hdmi_isOutputFormatSupported(fmt), kDeadObject);
-    for (const char* line :
-         {"setOutputFormat Error", "saveOutputFormat Error", "isOutputFormatSupported Error"}) {
-        EXPECT_EQ(LogCapture::countExact(line, ANDROID_LOG_ERROR, kVistrelTag), 1) << line;
+    EXPECT_EQ(hdmi_acquireLock(4), kDeadObject);
+    hdmi_releaseLock(4);
+    EXPECT_EQ(hdmi_setHDMIFormat3D(1, 0.5f), kDeadObject);
+    EXPECT_EQ(hdmi_setVideoFps(24, 1), kDeadObject);
+    for (const char* method : {"setOutputFormat", "saveOutputFormat", "isOutputFormatSupported",
+                               "acquireLock", "releaseLock", "setHDMIFormat3D", "setVideoFps"}) {
+        EXPECT_EQ(errorLines(method), 1) << method;
     }
+    EXPECT_EQ(problemLines(), 7);
+}
+
+TEST_F(OutputFormatTest, NullRecordIsFatal) {
+    for (const ReadOperation& read : kReads) {
+        EXPECT_DEATH(read.call(nullptr),
+                     "HDMI-HIDL-Vistrel: .*OutputFormat.cpp:[0-9]+: CHECK\\(fmt != NULL\\) failed");
+    }
+    EXPECT_DEATH(hdmi_setOutputFormat(nullptr, 0),
+                 "VistrelWrapper: .*HDMIWrapper.cpp:[0-9]+: CHECK\\(fmt != NULL\\) failed\\.");
+    EXPECT_DEATH(hdmi_saveOutputFormat(nullptr), "HDMIWrapper.cpp:[0-9]+: CHECK\\(fmt != NULL\\)");
+}
+
+TEST_F(OutputFormatTest, ComposerSwitchOffIsReadOnceAndSendsHdrModeTwo) {
+    expectSwitchReads(Return(0));
+    EXPECT_CALL(*fake, getCurrentOutputFormat(_)).Times(0);
+    // The service's answer does not reach the caller; values are cut to one byte.
+    EXPECT_CALL(*fake, setOutputFormat(composed(97, 1, 2), kHwcFlags))
+            .Times(3)
+            .WillRepeatedly(answers(-22));
+    EXPECT_EQ(hdmi_hwcSetOutputFormat(static_cast<HDMI_VIC_ENUM>(0x161), 0x101), 0);
+    // Switched on in the service: a caller's read asks, the composer keeps what it read.
+    EXPECT_CALL(*fake, getPropVal(9)).WillOnce(Return(1));
+    EXPECT_EQ(hdmi_getPropVal(9), 1);
+    EXPECT_EQ(hdmi_hwcSetOutputFormat(VIC_3840_2160P_60HZ, 1), 0);
+    EXPECT_EQ(hdmi_hwcSetOutputFormat(VIC_3840_2160P_60HZ, 1), 0);
+    EXPECT_EQ(problemLines(), 0);
+    ::testing::Mock::VerifyAndClearExpectations(fake.get());
+
+    // A new library object reads the switch again.
+    hdmi_releaseLib();
+    ASSERT_NE(createLib(), nullptr);
+    expectSwitchReads(Return(1));
+    EXPECT_CALL(*fake, getCurrentOutputFormat(_))
+            .WillOnce(AnswerRecord(1, makeFormat(0x80, 16, 0, 1, 8, 0, 3, 0)));
+    EXPECT_CALL(*fake, setOutputFormat(composed(16, 0, 3), kHwcFlags));
+    EXPECT_EQ(hdmi_hwcSetOutputFormat(VIC_1920_1080P_60HZ, 0), 0);
+}
+
+TEST_F(OutputFormatTest, ComposerAsksAnUnsetOrFailedSwitchAgain) {
+    expectSwitchReads(Return(-1), Return(-1), FailTransport(), Return(1));
+    const OutputFormat current = makeFormat(0x40, 98, 3, 1, 10, 4, 1, 3);
+    InSequence order;
+    EXPECT_CALL(*fake, setOutputFormat(composed(16, 0, 2), kHwcFlags)).Times(3);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_CALL(*fake, getCurrentOutputFormat(_)).WillOnce(AnswerRecord(1, current));
+        EXPECT_CALL(*fake, setOutputFormat(composed(16, 0, 1), kHwcFlags));
+    }
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(hdmi_hwcSetOutputFormat(VIC_1920_1080P_60HZ, 0), 0);
+    EXPECT_EQ(errorLines("getPropVal"), 1);
+    EXPECT_EQ(problemLines(), 1);
+}
+
+TEST_F(OutputFormatTest, ComposerSwitchOnTakesOnlyHdrFromTheCurrentFormat) {
+    expectSwitchReads(Return(2));
+    // After a failed read (a refusal's record is not used) the HDR mode is 0.
+    EXPECT_CALL(*fake, getCurrentOutputFormat(_))
+            .WillOnce(AnswerRecord(1, makeFormat(0x40, 97, 3, 1, 10, 4, 1, 3)))
+            .WillOnce(AnswerRecord(0, makeFormat(0x80, 16, 0, 1, 8, 0, 1, 0)))
+            .WillOnce(FailTransport());
+    EXPECT_CALL(*fake, setOutputFormat(composed(31, 2, 1), kHwcFlags));
+    EXPECT_CALL(*fake, setOutputFormat(composed(31, 2, 0), kHwcFlags)).Times(2);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(hdmi_hwcSetOutputFormat(VIC_1920_1080P_50HZ, 2), 0);
+}
+
+TEST_F(OutputFormatTest, ComposerContentTypeChangesOnlyThatField) {
+    const OutputFormat sent = makeFormat(0x80, 16, 0, 1, 8, 0, 0, 3);
+    // Sent again although the service already shows the type; after a failed
+    // read (a refusal's record is not used) only the type is set.
+    EXPECT_CALL(*fake, getCurrentOutputFormat(_))
+            .WillOnce(AnswerRecord(1, makeFormat(0x80, 16, 0, 1, 8, 0, 0, 0)))
+            .WillOnce(AnswerRecord(1, sent))
+            .WillOnce(AnswerRecord(0, sent))
+            .WillOnce(FailTransport());
+    InSequence order;
+    EXPECT_CALL(*fake, setOutputFormat(sent, kHwcFlags)).Times(2).WillRepeatedly(answers(-22));
+    EXPECT_CALL(*fake, setOutputFormat(makeFormat(0, 0, 0, 0, 0, 0, 0, 3), kHwcFlags)).Times(2);
+    // 0x103 is sent as its low byte.
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(hdmi_hwcSetContentType(HDMI_CONTENT_TYPE(0x103)), 0);
+}
+
+constexpr int kDvFlags = 0x100;
+constexpr const char* kHdr4kProperty = "persist.vendor.mirova.hdmi.4k.hdr";
+constexpr const char* kHdr8bitProperty = "persist.vendor.mirova.hdmi.8bit.hdr";
+
+// The Dolby Vision format for a timing: mode and timing kept, the rest fixed.
+OutputFormat dvFormat(uint8_t mode, uint8_t vic, uint8_t vicParam) {
+    return makeFormat(mode, vic, vicParam, 0, 8, 0, 1, 0);
+}
+
+// A system property's value, or "<unset>".
+std::string systemProperty(const char* key) {
+    char value[PROPERTY_VALUE_MAX];
+    property_get(key, value, "<unset>");
+    return value;
+}
+
+class DolbyVisionTest : public FormatTest {
+  protected:
+    void SetUp() override {
+        FormatTest::SetUp();
+        ON_CALL(*fake, envSupportsDv()).WillByDefault(answers(1));
+    }
+
+    // One switch from `current`: expects `sent` with the Dolby Vision flags.
+    void expectSwitch(const OutputFormat& current, const OutputFormat& sent) {
+        EXPECT_CALL(*fake, getCurrentOutputFormat(_)).WillOnce(AnswerRecord(1, current));
+        // The service's answer does not reach the caller.
+        EXPECT_CALL(*fake, setOutputFormat(sent, kDvFlags)).WillOnce(Return(-22));
+        EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
+        ::testing::Mock::VerifyAndClearExpectations(fake.get());
+    }
+};
+
+TEST_F(DolbyVisionTest, TimingsTheModeCannotCarryAreSubstituted) {
+    // The table's rows, then neighbours and targets, which are kept.
+    const struct {
+        uint8_t from, to;
+    } rows[] = {{6, 16},   {21, 16},  {5, 16},  {20, 16},   {98, 93},  {99, 94}, {100, 95},
+                {101, 96}, {102, 97}, {0, 0},   {7, 7},     {16, 16},  {22, 22}, {31, 31},
+                {92, 92},  {93, 93},  {97, 97}, {103, 103}, {255, 255}};
+    uint8_t mode = 0x80;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(::testing::Message() << "vic " << int{row.from});
+        // vic_param is cleared only when the timing changes.
+        expectSwitch(makeFormat(mode, row.from, 3, 255, 255, 7, 2, 4),
+                     dvFormat(mode, row.to, row.from == row.to ? 3 : 0));
+        ++mode;
+    }
+}
+
+TEST_F(DolbyVisionTest, SendsOnlyWhenSomeByteDiffers) {
+    // Each of these differs from the Dolby Vision format in one field only.
+    for (const OutputFormat& current :
+         {makeFormat(0x80, 16, 1, 1, 8, 0, 1, 0), makeFormat(0x80, 16, 1, 0, 10, 0, 1, 0),
+          makeFormat(0x80, 16, 1, 0, 8, 1, 1, 0), makeFormat(0x80, 16, 1, 0, 8, 0, 2, 0),
+          makeFormat(0x80, 16, 1, 0, 8, 0, 1, 3)}) {
+        expectSwitch(current, dvFormat(0x80, 16, 1));
+    }
+    EXPECT_CALL(*fake, setOutputFormat(_, _)).Times(0);
+    for (const OutputFormat& current :
+         {dvFormat(0x80, 16, 1), dvFormat(0, 0, 0), dvFormat(0x41, 97, 255)}) {
+        EXPECT_CALL(*fake, getCurrentOutputFormat(_)).WillOnce(AnswerRecord(1, current));
+        EXPECT_EQ(hdmi_setDVHDRModeForContent(), kAlreadyExists);
+    }
+    EXPECT_EQ(LogCapture::countExact("[setDVHDRModeForContent] same format , do nothing",
+                                     ANDROID_LOG_WARN, kVistrelTag),
+              3);
     EXPECT_EQ(problemLines(), 3);
+}
+
+TEST_F(DolbyVisionTest, CapabilityAnswerGatesTheSwitch) {
+    EXPECT_CALL(*fake, envSupportsDv()).WillOnce(Return(0)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, getCurrentOutputFormat(_)).Times(0);
+    EXPECT_EQ(hdmi_setDVHDRModeForContent(), kInvalidOperation);
+    EXPECT_EQ(LogCapture::countExact(
+                      "[setDVHDRModeForContent] NG, please check TV, chip bonding, or fw config",
+                      ANDROID_LOG_ERROR, kVistrelTag),
+              1);
+    EXPECT_EQ(hdmi_setDVHDRModeForContent(), kDeadObject);
+    EXPECT_EQ(errorLines("envSupportsDv"), 1);
+    EXPECT_EQ(problemLines(), 2);
+    ::testing::Mock::VerifyAndClearExpectations(fake.get());
+    // Any nonzero answer is enough.
+    EXPECT_CALL(*fake, envSupportsDv()).WillOnce(Return(-1));
+    expectSwitch(makeFormat(0x80, 5, 0, 1, 10, 0, 0, 0), dvFormat(0x80, 16, 0));
+}
+
+TEST_F(DolbyVisionTest, FailedFormatReadSendsZeroBasedFormat) {
+    // A refusal's record is not used.
+    EXPECT_CALL(*fake, getCurrentOutputFormat(_))
+            .WillOnce(AnswerRecord(0, makeFormat(0x80, 98, 1, 255, 255, 0, 2, 0)))
+            .WillOnce(FailTransport());
+    EXPECT_CALL(*fake, setOutputFormat(dvFormat(0, 0, 0), kDvFlags)).Times(2);
+    EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
+    EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
+}
+
+TEST_F(DolbyVisionTest, HdrQuestionsPassArgumentsAndAnswers) {
+    EXPECT_CALL(*fake, envSupportsDv()).WillOnce(Return(11)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, readHDRAutoProperty()).WillOnce(Return(-12)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, isUnderDoviMode(-3)).WillOnce(Return(INT_MAX)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, checkHDRModeSupported(INT_MIN))
+            .WillOnce(Return(14))
+            .WillOnce(FailTransport());
+    EXPECT_CALL(*fake, setHDREotfMode(7)).WillOnce(Return(Void())).WillOnce(FailTransport());
+    EXPECT_EQ(hdmi_envSupportsDv(), 11);
+    EXPECT_EQ(hdmi_readHDRAutoProperty(), -12);
+    EXPECT_EQ(hdmi_isUnderDoviMode(-3), INT_MAX);
+    EXPECT_EQ(hdmi_checkHDRModeSupported(INT_MIN), 14);
+    hdmi_setHDREotfMode(7);
+    EXPECT_EQ(problemLines(), 0);
+
+    EXPECT_EQ(hdmi_envSupportsDv(), kDeadObject);
+    EXPECT_EQ(hdmi_readHDRAutoProperty(), kDeadObject);
+    EXPECT_EQ(hdmi_isUnderDoviMode(-3), kDeadObject);
+    EXPECT_EQ(hdmi_checkHDRModeSupported(INT_MIN), kDeadObject);
+    hdmi_setHDREotfMode(7);
+    for (const char* method : {"envSupportsDv", "readHDRAutoProperty", "isUnderDoviMode",
+                               "checkHDRModeSupported", "setHDREotfMode"}) {
+        EXPECT_EQ(errorLines(method), 1) << method;
+    }
+    EXPECT_EQ(problemLines(), 5);
+}
+
+// The 4K HDR property against property 9, each time a library object is built.
+class Hdr4kSyncTest : public LibraryTest {};
+
+TEST_F(Hdr4kSyncTest, WritesOnlyWhenPropertyAndServiceDiffer) {
+    const struct {
+        const char* wanted;  // null: unset
+        int32_t current;
+        const char* line;
+        int written;  // -1: nothing written
+    } cases[] = {
+            {nullptr, 0, "HDR4K:0,0", -1}, {"1", 0, "HDR4K:1,0", 1},   {"0", 1, "HDR4K:0,1", 0},
+            {"2", 1, "HDR4K:2,1", 1},      {"1", 1, "HDR4K:1,1", -1},  {"abc", 0, "HDR4K:0,0", -1},
+            {"abc", 1, "HDR4K:0,1", 0},    {"-1", 0, "HDR4K:-1,0", 1}, {nullptr, 5, "HDR4K:0,5", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << (c.wanted ? c.wanted : "unset") << "/" << c.current);
+        hdmi_releaseLib();
+        property_host_clear();
+        property_set(kServiceStartProperty, "1");
+        if (c.wanted != nullptr) property_set(kHdr4kProperty, c.wanted);
+        ::testing::Mock::VerifyAndClearExpectations(fake.get());
+        EXPECT_CALL(*fake, getPropVal(_)).Times(0);
+        EXPECT_CALL(*fake, getPropVal(9)).WillOnce(Return(c.current));
+        if (c.written < 0) {
+            EXPECT_CALL(*fake, clearOneStepInfo()).Times(0);
+            EXPECT_CALL(*fake, setPropVal(_, _)).Times(0);
+        } else {
+            // In order: the 8-bit property is checked as each write arrives.
+            InSequence order;
+            EXPECT_CALL(*fake, clearOneStepInfo()).WillOnce(Invoke([] {
+                EXPECT_EQ(systemProperty(kHdr8bitProperty), "<unset>");
+                return Void();
+            }));
+            EXPECT_CALL(*fake, setPropVal(9, c.written)).WillOnce(Invoke([&c](int32_t, int32_t) {
+                EXPECT_EQ(systemProperty(kHdr8bitProperty), std::to_string(c.written));
+                return Void();
+            }));
+        }
+        LogCapture::clear();
+        ASSERT_NE(createLib(), nullptr);
+        EXPECT_EQ(LogCapture::countExact(c.line, ANDROID_LOG_INFO, kVistrelTag), 1);
+        EXPECT_EQ(systemProperty(kHdr8bitProperty),
+                  c.written < 0 ? "<unset>" : std::to_string(c.written));
+    }
 }
 
 }  // namespace

@@ -14,42 +14,18 @@
  * limitations under the License.
  */
 
-// Helpers for the output format tests: a fixture with the library already
-// created, readable output formats in failure messages, and the few checks
-// on log lines and system properties these tests share.
+// Helpers for the sink capability and output format tests: a fixture with the
+// library already created, and the checks on records and log lines they share.
 
 #pragma once
 
 #include <android/log.h>
-#include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
-#include <ostream>
 #include <string>
 
 #include "LibraryTest.h"
-
-namespace vendor {
-namespace mirova {
-namespace hdmiutil {
-namespace common {
-namespace V1_0 {
-
-// Found by gtest through argument-dependent lookup: a mismatch then shows
-// the eight fields instead of raw bytes.
-inline void PrintTo(const OutputFormat& f, std::ostream* os) {
-    *os << "{mode " << int{f.mode} << ", vic " << int{f.vic} << ", vic_param " << int{f.vic_param}
-        << ", color " << int{f.color} << ", color_depth " << int{f.color_depth} << ", option "
-        << int{f.option} << ", hdr " << int{f.hdr} << ", content_type " << int{f.content_type}
-        << "}";
-}
-
-}  // namespace V1_0
-}  // namespace common
-}  // namespace hdmiutil
-}  // namespace mirova
-}  // namespace vendor
 
 namespace mirova {
 namespace test {
@@ -67,24 +43,30 @@ inline _HDMI_OUTPUT_FORMAT callerFormat(const OutputFormat& f) {
     return out;
 }
 
-// A caller's record with every byte set to `byte`.
-inline _HDMI_OUTPUT_FORMAT filledFormat(uint8_t byte) {
-    _HDMI_OUTPUT_FORMAT out;
-    memset(&out, byte, sizeof(out));
-    return out;
+inline bool allBytes(const void* p, size_t n, uint8_t byte) {
+    for (size_t i = 0; i < n; ++i) {
+        if (static_cast<const uint8_t*>(p)[i] != byte) return false;
+    }
+    return true;
 }
 
-inline bool sameBytes(const _HDMI_OUTPUT_FORMAT& a, const _HDMI_OUTPUT_FORMAT& b) {
-    return memcmp(&a, &b, sizeof(a)) == 0;
+// Library lines at `priority` since the log was last cleared.
+inline int linesAt(int priority) {
+    int count = 0;
+    for (const LogLine& line : LogCapture::lines()) {
+        if (line.tag == kVistrelTag && line.priority == priority) ++count;
+    }
+    return count;
 }
 
 // Library lines at warning level or above since the log was last cleared.
 inline int problemLines() {
-    int count = 0;
-    for (const LogLine& line : LogCapture::lines()) {
-        if (line.tag == kVistrelTag && line.priority >= ANDROID_LOG_WARN) ++count;
-    }
-    return count;
+    return linesAt(ANDROID_LOG_WARN) + linesAt(ANDROID_LOG_ERROR);
+}
+
+// The "<method> Error" lines of transport failures.
+inline int errorLines(const std::string& method) {
+    return LogCapture::countExact(method + " Error", ANDROID_LOG_ERROR, kVistrelTag);
 }
 
 // A value answer that can be given more than once (WillRepeatedly, ON_CALL),
@@ -92,13 +74,6 @@ inline int problemLines() {
 inline auto answers(int32_t value) {
     return ::testing::Invoke(
             [value](auto&&...) { return ::android::hardware::Return<int32_t>(value); });
-}
-
-// A system property's value, or "<unset>".
-inline std::string systemProperty(const char* key) {
-    char value[PROPERTY_VALUE_MAX];
-    property_get(key, value, "<unset>");
-    return value;
 }
 
 // The library is created before each test; the calls and log lines of its

@@ -17,6 +17,14 @@ root=$PWD
 jobs=${JOBS:-2}
 summary=()
 
+# The runtimes name a report's frames through llvm-symbolizer. Without it
+# every frame is <null>, and the suppressions, which match function names,
+# match nothing: the symbolizer is part of the leg, not a nicety.
+tools/deps.sh clang libclang-rt-14-dev llvm-14
+symbolizer=/usr/lib/llvm-14/bin/llvm-symbolizer
+[ -x "$symbolizer" ] || { echo "sanitizers: $symbolizer is missing" >&2; exit 1; }
+export ASAN_SYMBOLIZER_PATH=$symbolizer TSAN_SYMBOLIZER_PATH=$symbolizer
+
 # Reports that count: sanitizer errors and races. Other lines a runtime may
 # write to the same file (notes, warnings about its own limits) are shown but
 # do not fail the leg.
@@ -55,7 +63,9 @@ run_leg() {
 
 asan_reports=$root/build-asan/sanitizer-reports
 asan_options="halt_on_error=1:exitcode=66:detect_leaks=1:strict_string_checks=1"
+asan_options+=":external_symbolizer_path=$symbolizer"
 ubsan_options="halt_on_error=1:exitcode=67:print_stacktrace=1"
+ubsan_options+=":external_symbolizer_path=$symbolizer"
 asan_status=0
 ASAN_OPTIONS="$asan_options:log_path=$asan_reports/asan" \
 UBSAN_OPTIONS="$ubsan_options:log_path=$asan_reports/ubsan" \
@@ -65,6 +75,7 @@ UBSAN_OPTIONS="$ubsan_options:log_path=$asan_reports/ubsan" \
 # says why its reports are not races.
 tsan_reports=$root/build-tsan/sanitizer-reports
 tsan_options="halt_on_error=1:exitcode=68:second_deadlock_stack=1"
+tsan_options+=":external_symbolizer_path=$symbolizer"
 tsan_options+=":suppressions=$root/tools/ci/tsan.supp"
 tsan_status=0
 TSAN_OPTIONS="$tsan_options:log_path=$tsan_reports/tsan" \

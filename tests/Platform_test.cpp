@@ -1,0 +1,413 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// The host platform stand-ins, which the library relies on to act as Android's do: the HIDL
+// runtime's Return<T> and data types, the service registry and its death notices, the properties.
+
+#include <cutils/native_handle.h>
+#include <cutils/properties.h>
+#include <cutils/properties_host.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <hidl/HostServiceRegistry.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/FakeHdmiUtil.h"
+
+namespace mirova {
+namespace test {
+namespace {
+
+using ::android::DEAD_OBJECT;
+using ::android::OK;
+using ::android::wp;
+using ::android::hardware::hidl_death_recipient;
+using ::android::hidl::base::V1_0::IBase;
+using ::testing::_;
+namespace host = ::android::hardware::host;
+
+constexpr const char* kNotChecked = "Failed HIDL return status not checked";
+
+Return<int32_t> failedCall() {
+    return Status::fromStatusT(DEAD_OBJECT);
+}
+
+// These aborts make every status the library leaves unchecked fail a test run.
+TEST(ReturnDeathTest, FailedReturnAbortsWhenReadOrLeftUnchecked) {
+    EXPECT_DEATH(
+            {
+                Return<int32_t> ret = failedCall();
+                ret.isOk();  // checking first does not make the value readable
+                (void)static_cast<int32_t>(ret);
+            },
+            "Attempted to retrieve value from failed HIDL call");
+    EXPECT_DEATH({ failedCall(); }, kNotChecked);
+    // A moved failure stays unchecked in its new owner.
+    EXPECT_DEATH(
+            {
+                Return<int32_t> first = failedCall();
+                Return<int32_t> second(std::move(first));
+            },
+            kNotChecked);
+}
+
+// The library logs description() with its error lines.
+TEST(ReturnTest, StatusesDescribeTheFailureAndCheckedReturnsEndQuietly) {
+    const Status dead = Status::fromStatusT(DEAD_OBJECT);
+    EXPECT_EQ(dead.transactionError(), DEAD_OBJECT);
+    EXPECT_EQ(dead.description(), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '");
+    EXPECT_EQ(Status::ok().description(), "No error");
+    const Status illegal = Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "bad fps");
+    EXPECT_EQ(illegal.transactionError(), OK);
+    EXPECT_EQ(illegal.description(), "Status(EX_ILLEGAL_ARGUMENT): 'bad fps'");
+    EXPECT_NE(Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED).transactionError(), OK);
+
+    EXPECT_TRUE(failedCall().isDeadObject());
+    EXPECT_NE(failedCall().description().find("DEAD_OBJECT"), std::string::npos);
+    EXPECT_EQ(failedCall().withDefault(-1), -1);
+    EXPECT_FALSE(
+            Return<int32_t>(Status::fromExceptionCode(Status::EX_ILLEGAL_STATE)).isDeadObject());
+    Return<int32_t> ok(42);  // a success needs no check
+    EXPECT_EQ(ok.withDefault(-1), 42);
+    EXPECT_EQ(static_cast<int32_t>(ok), 42);
+    Return<void> done = Void();
+
+    Return<int32_t> checked = failedCall();
+    EXPECT_FALSE(checked.isOk());
+    Return<int32_t> keepsCheck(std::move(checked));
+    Return<void> source(Status::fromStatusT(DEAD_OBJECT));
+    done = std::move(source);
+    EXPECT_TRUE(done.isDeadObject());
+}
+
+// Result callbacks hand records over by reference; the library keeps deep copies.
+TEST(HidlVecTest, CopiesAreDeepMovesHandTheBufferOverExternalMemoryIsNotFreed) {
+    hidl_vec<int32_t> original{1, 2, 3};
+    hidl_vec<int32_t> copy(original);
+    hidl_vec<int32_t> assigned{9, 9, 9, 9, 9};
+    assigned = original;
+    original[0] = 100;
+    EXPECT_EQ(std::vector<int32_t>(copy), (std::vector<int32_t>{1, 2, 3}));
+    EXPECT_EQ(std::vector<int32_t>(assigned), (std::vector<int32_t>{1, 2, 3}));
+    hidl_vec<hidl_string> names{"hdmi", "dp"};
+    hidl_vec<hidl_string> namesCopy = names;
+    names[0] = "cvbs";
+    EXPECT_EQ(std::string(namesCopy[0]), "hdmi");
+
+    const int32_t* buffer = original.data();
+    hidl_vec<int32_t> moved(std::move(original));
+    copy = std::move(moved);
+    EXPECT_EQ(copy.data(), buffer);
+    EXPECT_EQ(original.size(), 0u);    // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(moved.data(), nullptr);  // NOLINT(bugprone-use-after-move)
+    copy.resize(5);
+    EXPECT_EQ(std::vector<int32_t>(copy), (std::vector<int32_t>{100, 2, 3, 0, 0}));
+    copy.resize(2);
+    EXPECT_EQ(std::vector<int32_t>(copy), (std::vector<int32_t>{100, 2}));
+
+    int32_t foreign[2] = {10, 20};  // freeing it would abort in the allocator
+    {
+        hidl_vec<int32_t> view;
+        view.setToExternal(foreign, 2);
+        view[1] = 21;
+        view.resize(3);  // moves into a buffer of its own
+        view[0] = 0;
+        EXPECT_EQ(view[1], 21);
+    }
+    EXPECT_EQ(std::vector<int32_t>(foreign, foreign + 2), (std::vector<int32_t>{10, 21}));
+}
+
+TEST(HidlStringTest, StringsAndArraysCopyTheirContents) {
+    hidl_string text("a\0b", 3);
+    hidl_string copy(text);
+    EXPECT_NE(copy.c_str(), text.c_str());
+    EXPECT_EQ(std::string(copy), std::string("a\0b", 3));
+    EXPECT_EQ(copy.c_str()[3], '\0');
+    EXPECT_TRUE(text == copy);
+    EXPECT_TRUE(text != hidl_string("a\0c", 3));
+    const char* buffer = copy.c_str();
+    hidl_string moved(std::move(copy));
+    EXPECT_EQ(moved.c_str(), buffer);
+    EXPECT_STREQ(copy.c_str(), "");  // NOLINT(bugprone-use-after-move)
+    EXPECT_TRUE(hidl_string(static_cast<const char*>(nullptr)).empty());
+    char foreign[] = "surface";
+    hidl_string view;
+    view.setToExternal(foreign, 7);
+    view = moved;  // must not free the caller's array
+
+    const int32_t source[2] = {1, 2};
+    hidl_array<int32_t, 2> array(source);
+    hidl_array<int32_t, 2> arrayCopy = array;
+    array[0] = 9;
+    EXPECT_EQ(arrayCopy[0], 1);
+    EXPECT_EQ(arrayCopy[1], 2);
+}
+
+// The library wraps its caller's descriptors without owning them.
+TEST(HidlHandleTest, BorrowedHandlesStayOpenCopiesCloneAndCloseTheirOwn) {
+    auto isOpen = [](int fd) { return fcntl(fd, F_GETFD) != -1; };
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[1]);
+    native_handle_t* handle = native_handle_create(1, 0);
+    handle->data[0] = fds[0];
+    int clones[2] = {-1, -1};
+    {
+        hidl_handle borrowed(handle);
+        hidl_handle copy(borrowed);
+        hidl_handle assigned;
+        assigned = borrowed;
+        ASSERT_NE(copy.getNativeHandle(), handle);
+        ASSERT_NE(assigned.getNativeHandle(), handle);
+        clones[0] = copy->data[0];
+        clones[1] = assigned->data[0];
+        EXPECT_TRUE(isOpen(clones[0]) && clones[0] != fds[0] && clones[1] != fds[0]);
+    }
+    EXPECT_FALSE(isOpen(clones[0]) || isOpen(clones[1]));
+    EXPECT_TRUE(isOpen(fds[0]));
+    {
+        hidl_handle owner;
+        owner.setTo(handle, true);
+        hidl_handle moved(std::move(owner));
+        EXPECT_EQ(owner.getNativeHandle(), nullptr);  // NOLINT(bugprone-use-after-move)
+        EXPECT_TRUE(isOpen(fds[0]));
+    }
+    EXPECT_FALSE(isOpen(fds[0]));
+}
+
+class MockRecipient : public hidl_death_recipient {
+  public:
+    MOCK_METHOD(void, serviceDied, (uint64_t, const wp<IBase>&), (override));
+};
+
+class ServiceRegistryTest : public ::testing::Test {
+  protected:
+    void SetUp() override { TearDown(); }
+    void TearDown() override {
+        host::clearServices();
+        host::waitForDeathNotifications();
+    }
+    static void kill() {
+        ASSERT_TRUE(host::killService(IHdmiUtil::descriptor, "default"));
+        host::waitForDeathNotifications();
+    }
+    // Publishes `service` from another thread a little later.
+    static std::thread publishLater(const sp<FakeHdmiUtil>& service) {
+        return std::thread([service] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            service->publish();
+        });
+    }
+
+    sp<FakeHdmiUtil> fake = new FakeHdmiUtil();
+};
+
+TEST_F(ServiceRegistryTest, LookupFindsRegisteredInstancesAndTheProxyForwards) {
+    EXPECT_EQ(IHdmiUtil::tryGetService(), nullptr);
+    ASSERT_EQ(fake->registerAsService("default"), OK);
+    EXPECT_EQ(IHdmiUtil::tryGetService("secondary"), nullptr);
+    sp<IHdmiUtil> proxy = IHdmiUtil::tryGetService();
+    ASSERT_NE(proxy, nullptr);
+    EXPECT_TRUE(proxy->isRemote());
+
+    EXPECT_CALL(*fake, getPropVal(9)).WillOnce(::testing::Return(Return<int32_t>(7)));
+    EXPECT_EQ(static_cast<int32_t>(proxy->getPropVal(9)), 7);
+    // A failure of the service's own comes back as it is, not as a death.
+    EXPECT_CALL(*fake, control5v(1)).WillOnce(FailTransport());
+    Return<int32_t> failed = proxy->control5v(1);
+    EXPECT_FALSE(failed.isOk());
+    EXPECT_FALSE(failed.isDeadObject());
+}
+
+TEST_F(ServiceRegistryTest, DeathIsToldOnceOnAnotherThreadToLiveLinkedRecipients) {
+    fake->publish();
+    sp<IHdmiUtil> first = IHdmiUtil::tryGetService();
+    sp<IHdmiUtil> second = IHdmiUtil::tryGetService();
+    ASSERT_NE(second, nullptr);
+    sp<MockRecipient> a = new MockRecipient();
+    sp<MockRecipient> b = new MockRecipient();
+    sp<MockRecipient> withdrawn = new MockRecipient();
+    const std::thread::id killer = std::this_thread::get_id();
+    EXPECT_CALL(*a, serviceDied(0x1234, _)).WillOnce([&](uint64_t, const wp<IBase>& who) {
+        EXPECT_NE(std::this_thread::get_id(), killer);
+        EXPECT_EQ(who.promote(), first);
+        // As a client reconnecting would; must not deadlock with the registry.
+        EXPECT_EQ(IHdmiUtil::tryGetService(), nullptr);
+    });
+    EXPECT_CALL(*b, serviceDied(77, _)).WillOnce([&](uint64_t, const wp<IBase>& who) {
+        EXPECT_EQ(who.promote(), second);
+    });
+    EXPECT_CALL(*withdrawn, serviceDied(_, _)).Times(0);
+    ASSERT_TRUE(static_cast<bool>(first->linkToDeath(a, 0x1234)));
+    ASSERT_TRUE(static_cast<bool>(second->linkToDeath(b, 77)));
+    ASSERT_TRUE(static_cast<bool>(first->linkToDeath(withdrawn, 2)));
+    EXPECT_FALSE(static_cast<bool>(first->linkToDeath(nullptr, 3)));
+    EXPECT_TRUE(static_cast<bool>(first->unlinkToDeath(withdrawn)));
+    EXPECT_FALSE(static_cast<bool>(first->unlinkToDeath(withdrawn)));
+    // The link alone does not keep a recipient alive.
+    sp<MockRecipient> dropped = new MockRecipient();
+    const wp<MockRecipient> weak = dropped;
+    ASSERT_TRUE(static_cast<bool>(first->linkToDeath(dropped, 1)));
+    dropped.clear();
+    EXPECT_EQ(weak.promote(), nullptr);
+
+    kill();
+    EXPECT_FALSE(host::killService(IHdmiUtil::descriptor, "default"));
+    EXPECT_FALSE(static_cast<bool>(first->linkToDeath(new MockRecipient(), 4)));
+}
+
+TEST_F(ServiceRegistryTest, GetServiceWaitsForARegistrationAndAfterDeathForTheReplacement) {
+    std::thread registrar = publishLater(fake);
+    sp<IHdmiUtil> old = IHdmiUtil::getService();
+    registrar.join();
+    ASSERT_NE(old, nullptr);
+    kill();
+
+    // Calls through a dead proxy fail in transport and never reach the service.
+    EXPECT_CALL(*fake, getPropVal(_)).Times(0);
+    EXPECT_TRUE(old->getPropVal(9).isDeadObject());
+    EXPECT_TRUE(old->readOutputFormat([](int32_t, const OutputFormat&) {
+                       ADD_FAILURE() << "answered by a dead service";
+                   }).isDeadObject());
+    EXPECT_TRUE(old->ping().isDeadObject());
+    EXPECT_EQ(IHdmiUtil::tryGetService(), nullptr);
+
+    sp<FakeHdmiUtil> replacement = new FakeHdmiUtil();
+    std::thread restarter = publishLater(replacement);
+    sp<IHdmiUtil> proxy = IHdmiUtil::getService();
+    restarter.join();
+    ASSERT_NE(proxy, nullptr);
+    EXPECT_CALL(*replacement, getPropVal(1)).WillOnce(::testing::Return(Return<int32_t>(3)));
+    EXPECT_EQ(static_cast<int32_t>(proxy->getPropVal(1)), 3);
+    EXPECT_TRUE(old->getPropVal(1).isDeadObject());
+    EXPECT_TRUE(static_cast<bool>(proxy->linkToDeath(new MockRecipient(), 9)));
+}
+
+constexpr const char* kKey = "vendor.mirova.test.value";
+
+class PropertyStoreTest : public ::testing::Test {
+  protected:
+    void SetUp() override { property_host_clear(); }
+    void TearDown() override { property_host_clear(); }
+
+    static std::string get(const char* key, const char* defaultValue) {
+        char value[PROPERTY_VALUE_MAX];
+        memset(value, 'x', sizeof(value));
+        const int length = property_get(key, value, defaultValue);
+        EXPECT_EQ(length, static_cast<int>(strlen(value)));
+        return value;
+    }
+};
+
+TEST_F(PropertyStoreTest, UnsetOrEmptyGivesTheDefaultAndOverlongValuesAreRejected) {
+    EXPECT_EQ(get(kKey, "fallback"), "fallback");
+    EXPECT_EQ(get(kKey, nullptr), "");
+    ASSERT_EQ(property_set(kKey, "1"), 0);
+    EXPECT_EQ(get(kKey, "fallback"), "1");
+    ASSERT_EQ(property_set(kKey, ""), 0);
+    EXPECT_EQ(get(kKey, "fallback"), "fallback");
+
+    const std::string longest(PROPERTY_VALUE_MAX - 1, 'v');
+    ASSERT_EQ(property_set(kKey, longest.c_str()), 0);
+    EXPECT_EQ(property_set(kKey, std::string(PROPERTY_VALUE_MAX, 'w').c_str()), -1);
+    EXPECT_EQ(get(kKey, ""), longest);
+    property_host_unset(kKey);
+    EXPECT_EQ(get(kKey, "fallback"), "fallback");
+    // A default that does not fit is cut to fit the caller's buffer.
+    const std::string longDefault(PROPERTY_VALUE_MAX + 20, 'd');
+    EXPECT_EQ(get("vendor.mirova.test.unset", longDefault.c_str()),
+              std::string(PROPERTY_VALUE_MAX - 1, 'd'));
+    EXPECT_EQ(property_set("", "1"), -1);
+
+    // Keys longer than PROPERTY_KEY_MAX, as the library's are, are kept whole.
+    ASSERT_EQ(property_set("persist.vendor.mirova.hdmi.8bit.hdr", "1"), 0);
+    ASSERT_EQ(property_set("persist.vendor.mirova.hdmi.8bit.hdr2", "2"), 0);
+    EXPECT_EQ(get("persist.vendor.mirova.hdmi.8bit.hdr", "0"), "1");
+    EXPECT_EQ(get("persist.vendor.mirova.hdmi.8bit", "none"), "none");
+}
+
+// Android's spellings for a bool; integers in decimal or hex; the default for
+// anything else, or for an integer out of range.
+TEST_F(PropertyStoreTest, TypedReadsTakeAndroidSpellingsAndFallBackOtherwise) {
+    const struct {
+        const char* value;
+        int8_t asBool;
+    } bools[] = {{"1", 1},     {"y", 1},     {"yes", 1}, {"on", 1},  {"true", 1},
+                 {"0", 0},     {"n", 0},     {"no", 0},  {"off", 0}, {"false", 0},
+                 {"TRUE", -1}, {"yess", -1}, {"", -1},   {"2", -1}};
+    for (const auto& c : bools) {
+        ASSERT_EQ(property_set(kKey, c.value), 0);
+        EXPECT_EQ(property_get_bool(kKey, -1), c.asBool) << c.value;
+    }
+    const struct {
+        const char* value;
+        int32_t as32;
+        int64_t as64;
+    } ints[] = {{"0x10", 16, 16},
+                {"abc", -1, -1},
+                {"-2147483648", INT32_MIN, INT32_MIN},
+                {"2147483648", -1, 2147483648LL},
+                {"99999999999999999999", -1, -1}};
+    for (const auto& c : ints) {
+        ASSERT_EQ(property_set(kKey, c.value), 0);
+        EXPECT_EQ(property_get_int32(kKey, -1), c.as32) << c.value;
+        EXPECT_EQ(property_get_int64(kKey, -1), c.as64) << c.value;
+    }
+}
+
+// Writers store runs of one character whose length follows from it, remove the
+// key now and then and add keys of their own; a reader that sees a mixed run or
+// a wrong length has seen a torn write.
+TEST_F(PropertyStoreTest, ConcurrentWritersAndReadersNeverSeeTornValues) {
+    auto run = [](char c) { return std::string(10 + static_cast<size_t>(c - 'a') * 3, c); };
+    std::atomic<bool> writing{true};
+    std::atomic<int> torn{0};
+    std::thread reader([&] {
+        char value[PROPERTY_VALUE_MAX];
+        while (writing.load()) {
+            if (property_get(kKey, value, "") == 0) continue;  // unset just now
+            torn += value[0] < 'a' || value[0] > 'z' || run(value[0]) != value;
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 3; ++w) {
+        writers.emplace_back([&, w] {
+            for (int i = 0; i < 20000; ++i) {
+                if (i % 2 == 0) property_host_unset(kKey);
+                property_set(kKey, run(static_cast<char>('a' + (i * 7 + w) % 26)).c_str());
+                const std::string own = std::to_string(w * 20000 + i);
+                property_set(("vendor.mirova.test." + own).c_str(), own.c_str());
+                torn += get(("vendor.mirova.test." + own).c_str(), "") != own;
+            }
+        });
+    }
+    for (std::thread& writer : writers) writer.join();
+    writing = false;
+    reader.join();
+    EXPECT_EQ(torn.load(), 0);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace mirova

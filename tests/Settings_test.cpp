@@ -1,0 +1,254 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// Link settings: dual display routing, the VRR group table and switches, and
+// the device controls with their descriptor-passing diagnostics.
+
+#include <cutils/native_handle.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "support/LibraryTest.h"
+
+namespace mirova {
+namespace test {
+namespace {
+
+using ::testing::_;
+using ::testing::Return;
+using ValueReturn = ::android::hardware::Return<int32_t>;
+
+constexpr int kSameSource = 1030;
+constexpr int kDualDisplay = 2054;
+constexpr int kAlreadyExists = -17;
+constexpr int kDeadObject = -32;
+
+const OutputFormat kCurrent = makeFormat(3, 97, 1, 2, 10, 4, 5, 6);
+
+// A value answer that ON_CALL can repeat.
+auto Answer(int32_t value) {
+    return [value] { return ValueReturn(value); };
+}
+
+class SettingsTest : public LibraryTest {
+  protected:
+    void SetUp() override {
+        LibraryTest::SetUp();
+        lib = createLib();
+        ASSERT_NE(lib, nullptr);
+        ON_CALL(*fake, getCurrentOutputFormat(_)).WillByDefault(AnswerRecord(1, kCurrent));
+        // The flags of each format applied; -1 for any format but the current one.
+        ON_CALL(*fake, setOutputFormat(_, _))
+                .WillByDefault([this](const OutputFormat& format, int32_t flags) {
+                    applied.push_back(format == kCurrent ? flags : -1);
+                    return ValueReturn(0);
+                });
+        LogCapture::clear();
+    }
+
+    Vistrel* lib = nullptr;
+    std::vector<int> applied;
+};
+
+TEST_F(SettingsTest, RoutingSupportIsAskedUntilTheServiceAnswers) {
+    EXPECT_CALL(*fake, isRuntimeDpHDMISupported())
+            .WillOnce(Return(-1))
+            .WillOnce(FailTransport())
+            .WillOnce(Return(0));
+    EXPECT_CALL(*fake, getInterfaceType()).Times(0);
+    EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(1), kAlreadyExists);
+    EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(1), kDeadObject);
+    EXPECT_EQ(LogCapture::countExact("isRuntimeDpHDMISupported Error", ANDROID_LOG_ERROR), 1);
+    EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(1), kAlreadyExists);
+    EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(1), kAlreadyExists);  // 0 is kept: not asked again
+    EXPECT_EQ(LogCapture::countContaining("runtimeSetDpHDMISetting"), 0);
+    // The direct switches apply without asking.
+    lib->forceSwitchToSameSourceRuntime();
+    lib->restoreDualDisplayMode(99, static_cast<INTERFACE_TYPE>(-1));
+    EXPECT_EQ(applied, (std::vector<int>{kSameSource, kDualDisplay}));
+}
+
+// Every interface type, named in the log; op 0 folds only the two
+// different-source types, op 1 restores whatever the type, others are refused.
+TEST_F(SettingsTest, RoutingOpModesByInterfaceType) {
+    EXPECT_CALL(*fake, isRuntimeDpHDMISupported()).WillOnce(Return(1));  // 1 is kept
+    ON_CALL(*fake, getDiffSourceValue()).WillByDefault(Answer(-3));
+    auto logged = [](const std::string& text, int priority) {
+        return LogCapture::countExact("[runtimeSetDpHDMISetting] " + text, priority);
+    };
+    const char* const names[] = {"INTERFACE_TYPE_ERROR",
+                                 "ANALOG_AND_DIGITAL",
+                                 "ANALOG_ONLY",
+                                 "DIGITAL_ONLY",
+                                 "DISPLAY_PORT_ONLY",
+                                 "HDMI_AND_DISPLAY_PORT_SAME_SOURCE",
+                                 "HDMI_AND_DISPLAY_PORT_DIFF_SOURCE",
+                                 "DISPLAY_PORT_AND_CVBS_SAME_SOURCE",
+                                 "HDMI_AND_DP_DIFF_SOURCE_WITH_CVBS",
+                                 "FORCE_DP_OFF",
+                                 "INTERFACE_TYPE_ERROR"};
+    for (int type = -1; type <= 9; ++type) {
+        SCOPED_TRACE(type);
+        LogCapture::clear();
+        applied.clear();
+        ON_CALL(*fake, getInterfaceType()).WillByDefault(Answer(type));
+        for (int op : {0, 1, 2, -1}) EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(op), 0);
+        EXPECT_EQ(applied, (type == 5 || type == 7 ? std::vector<int>{kSameSource, kDualDisplay}
+                                                   : std::vector<int>{kDualDisplay}));
+        const std::string typeLine = std::string("current interface type: ") + names[type + 1];
+        EXPECT_EQ(logged(typeLine + " diffSourceVal: -3", ANDROID_LOG_DEBUG), 4);
+        EXPECT_EQ(logged("unsupport op mode: 2", ANDROID_LOG_ERROR), 1);
+        EXPECT_EQ(logged("unsupport op mode: -1", ANDROID_LOG_ERROR), 1);
+    }
+}
+
+TEST_F(SettingsTest, RoutingFailuresApplyNothingAndKeepTheResult) {
+    ON_CALL(*fake, isRuntimeDpHDMISupported()).WillByDefault(Answer(1));
+    EXPECT_CALL(*fake, getInterfaceType()).WillOnce(FailTransport()).WillRepeatedly(Answer(7));
+    EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(0), kDeadObject);
+    // A format that could not be read is zeros: applying it would switch the output off.
+    EXPECT_CALL(*fake, getCurrentOutputFormat(_))
+            .WillOnce(AnswerRecord(0, kCurrent))
+            .WillOnce(FailTransport())
+            .WillRepeatedly(AnswerRecord(1, kCurrent));
+    EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(0), 0);
+    lib->restoreDualDisplayMode(1, HDMI_AND_DISPLAY_PORT_DIFF_SOURCE);
+    EXPECT_EQ(LogCapture::countContaining("routing left unchanged", ANDROID_LOG_ERROR), 2);
+    EXPECT_TRUE(applied.empty());
+    // What applying the format answers does not change the result.
+    EXPECT_CALL(*fake, setOutputFormat(kCurrent, kDualDisplay))
+            .WillOnce(Return(-5))
+            .WillOnce(FailTransport());
+    EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(1), 0);
+    EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(1), 0);
+}
+
+TEST_F(SettingsTest, VrrTableOnlyWhenTheSinkRangeReachesThresholds) {
+    const struct {
+        int32_t status, vrrMin, vrrMax;
+        bool table;
+    } cases[] = {{1, 1, 100, true}, {1, 48, 240, true},  {1, 0, 100, false},
+                 {1, 1, 99, false}, {1, 1, -100, false}, {0, 1, 100, false}};  // a refused query
+    const _HDMI_VRR_GROUP_INFO* table = nullptr;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.status << " " << c.vrrMin << "/" << c.vrrMax);
+        TVCapInfo cap{};
+        cap.vrrMin = c.vrrMin;
+        cap.vrrMax = c.vrrMax;
+        EXPECT_CALL(*fake, getTVCapInfo(_)).WillOnce(AnswerRecord(c.status, cap));
+        const _HDMI_VRR_GROUP_INFO* info = hdmi_getVRRGroupInfo();
+        EXPECT_EQ(info != nullptr, c.table);
+        if (table == nullptr) table = info;
+        EXPECT_TRUE(info == nullptr || info == table);  // the one table, never a copy
+    }
+    ASSERT_NE(table, nullptr);
+    ASSERT_EQ(table->groupNum, 4);
+    const int32_t rows[4][5] = {{1920, 1080, 60, 50, 48},
+                                {1920, 1080, 59, 49, 47},
+                                {3840, 2160, 60, 50, 48},
+                                {3840, 2160, 59, 49, 47}};
+    _HDMI_VRR_GROUP want[4] = {};  // three timings each, fastest first; the rest zero
+    for (int g = 0; g < 4; ++g) {
+        want[g].timingNum = 3;
+        for (int t = 0; t < 3; ++t) want[g].timings[t] = {rows[g][0], rows[g][1], rows[g][2 + t]};
+    }
+    EXPECT_EQ(memcmp(table->groups, want, sizeof(want)), 0);
+}
+
+TEST_F(SettingsTest, ValuesAndArgumentsPassUnchanged) {
+    EXPECT_CALL(*fake, control5v(-2)).WillOnce(Return(-77)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, readColorModeEnum()).WillOnce(Return(-5)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, readEdidAutoMode()).WillOnce(Return(-6)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, emulateFwCallbackHDRType(-1, 2))
+            .WillOnce(Return(9))
+            .WillOnce(FailTransport());
+    EXPECT_CALL(*fake, getDiffSourceValue()).WillOnce(Return(-7)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, setDiffSourceValue(-4)).WillOnce(Return(-3)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, getVRREnabled()).WillOnce(Return(-8)).WillOnce(FailTransport());
+    const std::pair<int (*)(), int> calls[] = {
+            {[] { return hdmi_control_5v(-2); }, -77},
+            {hdmi_readColorModeEnum, -5},
+            {hdmi_readEdidAutoMode, -6},
+            {[] { return hdmi_emulateFwCallbackHDRType(-1, 2); }, 9},
+            {hdmi_getDiffSourceValue, -7},
+            {[] { return hdmi_setDiffSourceValue(-4); }, -3},
+            {hdmi_getVRREnabled, -8}};
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(calls[i].first(), calls[i].second);
+        EXPECT_EQ(calls[i].first(), kDeadObject);  // a transport failure
+    }
+    int (*const setters[])(int) = {hdmi_setVRREnable, hdmi_setVRRFps, hdmi_setALLM,
+                                   hdmi_saveColorModeEnum, hdmi_saveEdidAutoMode};
+    EXPECT_CALL(*fake, setVRREnable(-7));
+    EXPECT_CALL(*fake, setVRRFps(-7));
+    EXPECT_CALL(*fake, setALLM(-7));
+    EXPECT_CALL(*fake, saveColorModeEnum(-7));
+    EXPECT_CALL(*fake, saveEdidAutoMode(-7));
+    EXPECT_CALL(*fake, setHDMIEnable(-7));
+    EXPECT_CALL(*fake, setDisplayState(-7));
+    EXPECT_CALL(*fake, getHidlInfo(-7, 5));
+    for (auto set : setters) EXPECT_EQ(set(-7), 0);
+    hdmi_setHDMIEnable(-7);
+    hdmi_setDisplayState(-7);
+    hdmi_getHidlInfo(-7, 5);
+    EXPECT_CALL(*fake, setVRREnable(_)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, setVRRFps(_)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, setALLM(_)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, saveColorModeEnum(_)).WillOnce(FailTransport());
+    EXPECT_CALL(*fake, saveEdidAutoMode(_)).WillOnce(FailTransport());
+    for (auto set : setters) EXPECT_EQ(set(1), kDeadObject);
+}
+
+TEST_F(SettingsTest, HdmiIsOnFollowsTheCurrentMode) {
+    // Only the mode decides; a failed read, even one carrying a mode, is "off".
+    EXPECT_CALL(*fake, getCurrentOutputFormat(_))
+            .WillOnce(AnswerRecord(1, makeFormat(0, 16, 1, 2, 3, 4, 5, 6)))
+            .WillOnce(AnswerRecord(1, makeFormat(1, 0, 0, 0, 0, 0, 0, 0)))
+            .WillOnce(AnswerRecord(1, makeFormat(0x80, 16, 1, 2, 3, 4, 5, 6)))
+            .WillOnce(AnswerRecord(0, makeFormat(1, 16, 0, 0, 0, 0, 0, 0)))
+            .WillOnce(FailTransport());
+    for (int on : {0, 1, 1, 0, 0}) EXPECT_EQ(hdmi_hdmiIsOn(), on);
+}
+
+TEST_F(SettingsTest, DiagnosticsLendTheCallersDescriptor) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    // The service gets exactly the caller's descriptor.
+    auto isCallers = ::testing::Truly([&fds](const hidl_handle& handle) {
+        const native_handle_t* h = handle.getNativeHandle();
+        return h != nullptr && h->numFds == 1 && h->numInts == 0 && h->data[0] == fds[1];
+    });
+    EXPECT_CALL(*fake, dumpState(isCallers));
+    EXPECT_CALL(*fake, processHDMIDebugCmd(-3, isCallers))
+            .WillOnce(Return(-12))
+            .WillOnce(FailTransport());
+    hdmi_dumpState(fds[1]);
+    EXPECT_EQ(hdmi_processHDMIDebugCmd(-3, fds[1]), -12);
+    EXPECT_EQ(hdmi_processHDMIDebugCmd(-3, fds[1]), kDeadObject);
+    EXPECT_NE(fcntl(fds[1], F_GETFD), -1);  // still open: the caller's to close
+    close(fds[0]);
+    close(fds[1]);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace mirova
