@@ -14,35 +14,29 @@
  * limitations under the License.
  */
 
-// Caller callback objects that record every call, in one sequence shared by
-// any number of them, so that tests see the order across objects and can
-// wait for deliveries made on the library's worker thread.
+// Caller callback objects that record every call in one sequence shared by all
+// of them, so tests see the order across objects and can wait for deliveries.
 
 #pragma once
 
 #include <Vistrel.h>
 #include <stdint.h>
-#include <stdio.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
 namespace mirova {
 namespace test {
 
-// One call of a caller callback.
+// One call of a caller callback; param3 and param4 are 0 for a VistrelCallback.
 struct Delivery {
     int target;  // the id of the callback object called
-    int32_t event;
-    int32_t param1;
-    int32_t param2;
-    int32_t param3;  // 0 for a VistrelCallback
-    int64_t param4;  // 0 for a VistrelCallback
+    int32_t event, param1, param2, param3;
+    int64_t param4;
     std::thread::id thread;
 };
 
@@ -56,10 +50,6 @@ class EventRecorder {
     std::vector<Delivery> deliveries() {
         std::lock_guard<std::mutex> guard(mLock);
         return mDeliveries;
-    }
-    size_t size() {
-        std::lock_guard<std::mutex> guard(mLock);
-        return mDeliveries.size();
     }
     // Waits until at least `count` calls were recorded; false on timeout.
     bool waitFor(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
@@ -106,19 +96,6 @@ class RecordingCallback2 : public VistrelCallback2 {
     EventRecorder* const mRecorder;
     const int mId;
 };
-
-// The first command-line argument of this process, as /proc/self/cmdline
-// holds it: the name the library reports to the service.
-inline std::string ownProcessName() {
-    std::string name;
-    FILE* file = fopen("/proc/self/cmdline", "r");
-    if (file == nullptr) return name;
-    for (int c = fgetc(file); c != EOF && c != '\0'; c = fgetc(file)) {
-        name.push_back(static_cast<char>(c));
-    }
-    fclose(file);
-    return name;
-}
 
 }  // namespace test
 }  // namespace mirova

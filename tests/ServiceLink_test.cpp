@@ -1,0 +1,377 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// The library object's link to the service and the entry frame: connection,
+// service deaths, event registration, queue and delivery, the one instance.
+
+#include <cutils/properties.h>
+#include <cutils/properties_host.h>
+#include <gtest/gtest.h>
+#include <hidl/HostServiceRegistry.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <ostream>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/EventRecorder.h"
+#include "support/LibraryTest.h"
+
+namespace mirova {
+namespace test {
+namespace {
+
+using ::android::hardware::host::clearServices;
+using ::testing::Eq;
+using ::testing::Return;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;  // NOLINT(build/namespaces)
+
+constexpr const char* kTag = "HDMI-HIDL-Vistrel";
+const std::string kDeliverLine = "[HDMIEVNT][handleEventAsync] deliver event to outside";
+
+// The name the library reports: this process's first command-line argument.
+std::string ownProcessName() {
+    std::ifstream cmdline("/proc/self/cmdline");
+    std::string name;
+    std::getline(cmdline, name, '\0');
+    return name;
+}
+
+const std::string kLookupFailedLine = "process [" + ownProcessName() + "] get service failed";
+
+std::string arrivalLine(const void* callback, const void* callback2, int event) {
+    char line[160];
+    snprintf(line, sizeof(line), "[HDMIEVNT][handleEvent] callback %p callback2 %p event %d",
+             callback, callback2, event);
+    return line;
+}
+
+// Polls `done` for up to 5 s; its last answer.
+bool eventually(const std::function<bool()>& done) {
+    for (int i = 0; i < 2500 && !done(); ++i) std::this_thread::sleep_for(2ms);
+    return done();
+}
+
+class ServiceLinkTest : public LibraryTest {
+  protected:
+    static sp<HdmiControl> controlOf(Vistrel* lib) {
+        ::android::Mutex::Autolock _l(lib->mLock);
+        return lib->getHdmiControl();
+    }
+
+    // Sends one event to the idle worker and waits for `count` deliveries in
+    // all. The event wakes the worker at once, well before its 1 s timeout.
+    void sendToIdleWorker(int event, size_t count) {
+        std::this_thread::sleep_for(50ms);  // back in its wait
+        const Clock::time_point sent = Clock::now();
+        fake->emitEvent(event, 0, 0, 0, 0);
+        ASSERT_TRUE(recorder.waitFor(count));
+        EXPECT_LT(Clock::now() - sent, 500ms) << "event " << event;
+    }
+
+    EventRecorder recorder;
+    RecordingCallback callback{&recorder, 1};
+    RecordingCallback2 callback2{&recorder, 2};
+};
+
+// Construction looks for no service while the start-up property says the
+// service has not started, then waits for its registration, logging each
+// failed lookup, and returns one poll step after it.
+TEST_F(ServiceLinkTest, CreationWaitsForTheStartPropertyThenTheService) {
+    property_set(kServiceStartProperty, "0");
+    clearServices();
+    int failedBeforeStart = -1;
+    Clock::time_point publishedAt;
+    std::thread starter([&] {
+        std::this_thread::sleep_for(300ms);
+        failedBeforeStart = LogCapture::countContaining("get service failed");
+        property_set(kServiceStartProperty, "1");
+        std::this_thread::sleep_for(300ms);
+        publishedAt = Clock::now();
+        fake->publish();
+    });
+    createLib();
+    const Clock::time_point returnedAt = Clock::now();
+    starter.join();
+
+    EXPECT_EQ(failedBeforeStart, 0);
+    EXPECT_GE(LogCapture::countExact(kLookupFailedLine, ANDROID_LOG_ERROR, kTag), 2);
+    EXPECT_GE(returnedAt, publishedAt);
+    EXPECT_LT(returnedAt - publishedAt, 500ms);  // 100 ms steps
+}
+
+enum Service { kHeld, kRestarted, kAbsent };  // for the library at the call
+
+struct TryCase {
+    friend void PrintTo(const TryCase& c, std::ostream* os) { *os << c.name; }
+    const char* name;
+    const char* value;  // null: the property is unset
+    Service service;
+    bool started;  // the pass line instead of the failed one
+    int result;
+};
+const TryCase kTryCases[] = {
+        {"One", "1", kRestarted, true, 1},        {"Two", "2", kRestarted, true, 1},
+        {"Ten", "10", kRestarted, true, 1},       {"OneHeld", "1", kHeld, true, 1},
+        {"OneAbsent", "1", kAbsent, true, 0},     {"ZeroHeld", "0", kHeld, false, 0},
+        {"MinusOne", "-1", kRestarted, false, 0}, {"Letters", "abc", kRestarted, false, 0},
+        {"UnsetHeld", nullptr, kHeld, false, 0}};
+
+class TryGetServiceTest : public ServiceLinkTest, public ::testing::WithParamInterface<TryCase> {};
+
+// The property is read first, also with a service held; a held service is
+// answered without a new lookup; a failed lookup names the process after the
+// pass line.
+TEST_P(TryGetServiceTest, AnswersByThePropertyAndTheServiceHeld) {
+    const TryCase& c = GetParam();
+    createLib();
+    if (c.service != kHeld) replaceService();
+    if (c.service != kRestarted) clearServices();  // a lookup would fail
+    c.value ? (void)property_set(kServiceStartProperty, c.value)
+            : property_host_unset(kServiceStartProperty);
+    LogCapture::clear();
+    EXPECT_EQ(hdmi_tryGetService(), c.result);
+    property_set(kServiceStartProperty, "1");  // the calls below and the release need it
+
+    EXPECT_EQ(LogCapture::countExact("[HDMI-SEQ] tryGetService pass", ANDROID_LOG_DEBUG, kTag),
+              c.started ? 1 : 0);
+    EXPECT_EQ(LogCapture::countExact("[HDMI-SEQ] tryGetService failed", ANDROID_LOG_ERROR, kTag),
+              c.started ? 0 : 1);
+    const bool lookupFailed = c.started && c.service == kAbsent;
+    EXPECT_EQ(LogCapture::countExact(kLookupFailedLine, ANDROID_LOG_ERROR, kTag), lookupFailed);
+    EXPECT_TRUE(!lookupFailed || LogCapture::lines().back().message == kLookupFailedLine);
+    if (c.service == kAbsent) fake->publish();
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, TryGetServiceTest, ::testing::ValuesIn(kTryCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The lock operations pass ids and answers through without a log line; after
+// the service dies, the next call reaches its successor. Acquisitions are
+// numbered from 1 and a death notice names the one it is about, so a late
+// notice leaves the newer connection alone.
+TEST_F(ServiceLinkTest, LockOperationsReachTheCurrentService) {
+    createLib();
+    LogCapture::clear();
+    EXPECT_CALL(*fake, acquireLock(5)).WillOnce(Return(-22)).WillOnce(Return(0x7fff1234));
+    EXPECT_EQ(hdmi_acquireLock(5), -22);
+    EXPECT_EQ(hdmi_acquireLock(5), 0x7fff1234);
+    EXPECT_CALL(*fake, releaseLock(5));
+    EXPECT_CALL(*fake, releaseLock(-3));
+    hdmi_releaseLock(5);
+    hdmi_releaseLock(-3);
+    EXPECT_TRUE(LogCapture::lines().empty());
+
+    replaceService();
+    EXPECT_EQ(LogCapture::countExact("serviceDied:E", ANDROID_LOG_WARN, kTag), 1);
+    EXPECT_CALL(*fake, acquireLock(1)).WillOnce(Return(9));
+    EXPECT_EQ(hdmi_acquireLock(1), 9);  // the second acquisition
+    controlOf(hdmi_getCurrentLibInstance())->serviceDied(1, nullptr);
+    clearServices();
+    const int held = hdmi_tryGetService();
+    fake->publish();  // whatever happened, the release finds a service
+    EXPECT_EQ(held, 1);
+}
+
+// The registration names the process and this object's service client; it is
+// renewed with a restarted service without a call by the caller, until it is
+// withdrawn with the same process id.
+TEST_F(ServiceLinkTest, RegistrationFollowsRestartsUntilWithdrawn) {
+    Vistrel* lib = createLib(&callback, nullptr);
+    const sp<IHdmiUtilCallback> control = controlOf(lib);
+    const hidl_string name(ownProcessName());
+    EXPECT_CALL(*fake, setCallback(getpid(), Eq(name), Eq(control)));
+    hdmi_setCallback();
+    replaceService();
+    EXPECT_CALL(*fake, setCallback(getpid(), Eq(name), Eq(control)));
+    EXPECT_EQ(hdmi_tryGetService(), 1);  // reconnects
+    fake->emitEvent(11, 1, 2, 3, 4);
+    ASSERT_TRUE(recorder.waitFor(1));
+    EXPECT_EQ(recorder.deliveries()[0].event, 11);
+
+    EXPECT_CALL(*fake, removeCallback(getpid()));
+    hdmi_removeCallback();
+    replaceService();
+    EXPECT_EQ(hdmi_tryGetService(), 1);
+    EXPECT_EQ(fake->registrationCount(), 0u);
+}
+
+// A release waits for the delivery in progress and drops the events still
+// queued. A client the service holds afterwards drops events with a warning
+// and ignores death notices; nothing more reaches the callbacks.
+TEST_F(ServiceLinkTest, ReleaseEndsDeliveryAndLaterEventsTouchNothing) {
+    Gate gate;
+    callback.hook = [&](const Delivery&) { gate.wait(); };
+    createLib(&callback, &callback2);
+    hdmi_setCallback();
+    sp<IHdmiUtilCallback> client = fake->callbackFor(getpid());
+    ASSERT_NE(client, nullptr);
+    fake->emitEvent(1, 0, 0, 0, 0);
+    fake->emitEvent(2, 0, 0, 0, 0);
+    fake->flushEvents();
+    gate.awaitWaiters(1);
+    std::atomic<bool> released{false};
+    std::thread releasing([&] {
+        hdmi_releaseLib();
+        released = true;
+    });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(released);
+    gate.open();
+    releasing.join();
+    EXPECT_EQ(recorder.deliveries().size(), 2u);  // event 1 to both callbacks, not event 2
+    EXPECT_EQ(fake->registrationCount(), 0u);     // the release withdrew it
+    LogCapture::clear();
+
+    EXPECT_TRUE(client->handleEvent(9, 1, 2, 3, 4).isOk());
+    EXPECT_EQ(LogCapture::countContaining("dropped", ANDROID_LOG_WARN), 1);
+    EXPECT_EQ(LogCapture::countContaining("[HDMIEVNT][handleEvent] callback"), 0);
+    replaceService();
+    EXPECT_EQ(LogCapture::countExact("serviceDied:E"), 0);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(recorder.deliveries().size(), 2u);
+}
+
+// A second hdmi_createLib changes nothing, callbacks included.
+TEST_F(ServiceLinkTest, EventsArriveInOrderWithEveryValueWhole) {
+    Vistrel* lib = createLib(&callback, &callback2);
+    hdmi_createLib(nullptr, nullptr);
+    EXPECT_EQ(hdmi_getCurrentLibInstance(), lib);
+    hdmi_setCallback();
+    const int64_t wide[] = {0x123456789ABCDEF0LL, -0x0FEDCBA987654321LL, INT64_MIN, -1};
+    constexpr int kEvents = 40;
+    for (int i = 0; i < kEvents; ++i) fake->emitEvent(i, -i, i * 1000, INT32_MIN + i, wide[i % 4]);
+    ASSERT_TRUE(recorder.waitFor(2 * kEvents));
+    const std::vector<Delivery> got = recorder.deliveries();
+    ASSERT_EQ(got.size(), 2u * kEvents);
+    for (int i = 0; i < kEvents; ++i) {
+        SCOPED_TRACE(i);
+        const Delivery& first = got[2 * i];  // VistrelCallback first, with three values
+        const Delivery& second = got[2 * i + 1];
+        EXPECT_EQ(std::make_tuple(first.target, first.event, first.param1, first.param2),
+                  std::make_tuple(1, i, -i, i * 1000));
+        EXPECT_EQ(std::make_tuple(second.target, second.event, second.param1, second.param2,
+                                  second.param3, second.param4),
+                  std::make_tuple(2, i, -i, i * 1000, INT32_MIN + i, wide[i % 4]));
+    }
+    EXPECT_EQ(LogCapture::countExact(kDeliverLine, ANDROID_LOG_DEBUG, kTag), 2 * kEvents);
+    EXPECT_EQ(LogCapture::countExact(arrivalLine(&callback, &callback2, 7)), 1);
+}
+
+// hdmi_setExistingLibCallbacks sets both pointers, null included, from the
+// next delivery on; with both null events are still logged on arrival (glibc
+// prints a null %p as "(nil)") and dropped.
+TEST_F(ServiceLinkTest, CallbacksAreReplacedBothAtOnce) {
+    hdmi_setExistingLibCallbacks(&callback, &callback2);  // no instance yet: nothing happens
+    Vistrel* lib = createLib(nullptr, &callback2);
+    hdmi_setCallback();
+    sendToIdleWorker(3, 1);
+    hdmi_setExistingLibCallbacks(&callback, nullptr);
+    sendToIdleWorker(4, 2);
+    hdmi_setExistingLibCallbacks(nullptr, nullptr);
+    fake->emitEvent(5, 0, 0, 0, 0);
+    fake->flushEvents();
+    EXPECT_TRUE(eventually([&] { return lib->getEventsSize() == 0; }));
+    const std::vector<Delivery> got = recorder.deliveries();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(std::make_pair(got[0].target, got[0].event), std::make_pair(2, 3));
+    EXPECT_EQ(std::make_pair(got[1].target, got[1].event), std::make_pair(1, 4));
+    EXPECT_EQ(LogCapture::countExact(kDeliverLine), 2);
+    EXPECT_EQ(LogCapture::countExact(arrivalLine(nullptr, nullptr, 5)), 1);
+}
+
+TEST_F(ServiceLinkTest, EventsQueueWithoutLimitWhileACallbackBlocks) {
+    Gate gate;
+    callback.hook = [&](const Delivery&) { gate.wait(); };  // the first blocks until opened
+    Vistrel* lib = createLib(&callback, nullptr);
+    hdmi_setCallback();
+    // Enough for the queue to drop its consumed front while events still wait
+    // behind it (after 80,000), and to give back its storage once drained.
+    constexpr int kEvents = 100000;
+    fake->emitEvent(0, 0, 0, 0, 0);
+    gate.awaitWaiters(1);
+    // The rest arrive from this thread, as from a binder thread: it never waits.
+    sp<IHdmiUtilCallback> target = fake->callbackFor(getpid());
+    ASSERT_NE(target, nullptr);
+    for (int i = 1; i < kEvents; ++i) ASSERT_TRUE(target->handleEvent(i, i, 0, 0, 0).isOk());
+    EXPECT_EQ(lib->getEventsSize(), static_cast<size_t>(kEvents - 1));
+
+    gate.open();
+    ASSERT_TRUE(recorder.waitFor(kEvents, 60s));
+    const std::vector<Delivery> got = recorder.deliveries();
+    ASSERT_EQ(got.size(), static_cast<size_t>(kEvents));
+    for (int i = 0; i < kEvents; ++i) ASSERT_EQ(got[i].param1, i);
+}
+
+// The delivery in progress still reaches the second callback; nothing of the
+// released object is read after the first one returned, and the worker ends.
+TEST_F(ServiceLinkTest, ACallbackMayReleaseTheLibrary) {
+    callback.hook = [](const Delivery&) { hdmi_releaseLib(); };
+    createLib(&callback, &callback2);
+    hdmi_setCallback();
+    fake->emitEvent(2, 0, 0, 0, 0);
+    ASSERT_TRUE(recorder.waitFor(2));
+    EXPECT_EQ(recorder.deliveries()[1].target, 2);
+    EXPECT_EQ(hdmi_getCurrentLibInstance(), nullptr);
+    EXPECT_TRUE(eventually([] { return LogCapture::countExact("~WorkerThread()") == 1; }));
+}
+
+// The line named by the fatal check of `call`, made in a child process.
+int checkLine(void (*call)()) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    if (fork() == 0) {
+        dup2(fds[1], STDERR_FILENO);
+        call();
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string out;
+    char buffer[256];
+    for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) out.append(buffer, n);
+    close(fds[0]);
+    int status = 0;
+    wait(&status);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << out;
+    std::smatch match;
+    const std::regex check(
+            "VistrelWrapper: .*HDMIWrapper\\.cpp:([0-9]+): CHECK\\(mLib != NULL\\) failed\\.");
+    return std::regex_search(out, match, check) ? std::stoi(match[1]) : -1;
+}
+
+// No fixture: no service thread runs while the children are forked.
+TEST(FrameCheck, EachEntryPointReportsItsOwnLine) {
+    LogCapture::start();
+    const int tryGetService = checkLine([] { hdmi_tryGetService(); });
+    const int plugged = checkLine([] { hdmi_checkIfHDMIPlugged(); });
+    EXPECT_GT(std::min(tryGetService, plugged), 0);
+    EXPECT_NE(tryGetService, plugged);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace mirova
