@@ -22,7 +22,6 @@
 #define LOG_TAG "VistrelWrapper"
 
 #include <Vistrel.h>
-
 #include <VistrelLib.h>
 #include <log/log.h>
 #include <utils/Mutex.h>

@@ -20,9 +20,9 @@
 
 #pragma once
 
-#include <mutex>
-
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
+
+#include <mutex>
 
 namespace mirova {
 namespace bench {

@@ -28,11 +28,16 @@
 
 #define LOG_TAG "VistrelBench"
 
+#include <Vistrel.h>
+#include <VistrelLib.h>
+#include <benchmark/benchmark.h>
+#include <cutils/properties.h>
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <utils/Mutex.h>
 
 #include <algorithm>
 #include <atomic>
@@ -42,12 +47,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <Vistrel.h>
-#include <VistrelLib.h>
-#include <benchmark/benchmark.h>
-#include <cutils/properties.h>
-#include <utils/Mutex.h>
 
 #include "NullHdmiUtil.h"
 
@@ -459,8 +458,8 @@ int run(int argc, char** argv) {
              passNs <= 1.5 * passFloorNs},
             {"2. unchanged plane report (ns/call)", topoNs, topoFloorNs, "<= 1.5x",
              topoNs <= 1.5 * topoFloorNs},
-            {"2. heap allocations per unchanged report", static_cast<double>(gTopoAllocationsPerCall),
-             0, "0", gTopoAllocationsPerCall == 0},
+            {"2. heap allocations per unchanged report",
+             static_cast<double>(gTopoAllocationsPerCall), 0, "0", gTopoAllocationsPerCall == 0},
             {"3. event latency p50 (us)", lib.p50 / 1e3, bare.p50 / 1e3, "info", true},
             {"3. event latency p99 (us)", lib.p99 / 1e3, bare.p99 / 1e3, "<= 2x",
              lib.p99 <= 2 * bare.p99},

@@ -22,7 +22,6 @@
 
 #include <stddef.h>
 #include <stdint.h>
-
 #include <utils/Vector.h>
 
 // ---------------------------------------------------------------------------
@@ -36,7 +35,7 @@ struct _HDMI_OUTPUT_FORMAT {
     uint8_t color;
     uint8_t color_depth;
     uint8_t option;
-    uint8_t hdr;  // 1: Dolby Vision
+    uint8_t hdr;           // 1: Dolby Vision
     uint8_t content_type;  // HDMI_CONTENT_TYPE
 };
 
@@ -234,7 +233,8 @@ static_assert(sizeof(_HDMI_OUTPUT_FORMAT) == 8 && alignof(_HDMI_OUTPUT_FORMAT) =
               "_HDMI_OUTPUT_FORMAT");
 static_assert(sizeof(_HDMI_FORMAT_SUPPORT) == 8, "_HDMI_FORMAT_SUPPORT");
 static_assert(sizeof(_HDMI_AUDIO_DESC) == 5, "_HDMI_AUDIO_DESC");
-static_assert(offsetof(_HDMITVCapInfo, capWord4) == 12 && offsetof(_HDMITVCapInfo, adbLength) == 28 &&
+static_assert(offsetof(_HDMITVCapInfo, capWord4) == 12 &&
+                      offsetof(_HDMITVCapInfo, adbLength) == 28 &&
                       offsetof(_HDMITVCapInfo, adb) == 32 &&
                       offsetof(_HDMITVCapInfo, sadbLength) == 84 &&
                       offsetof(_HDMITVCapInfo, sadb) == 88 && offsetof(_HDMITVCapInfo, cec) == 92 &&

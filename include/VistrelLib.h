@@ -19,16 +19,12 @@
 
 #pragma once
 
-#include <stdint.h>
-#include <sys/types.h>
-
-#include <atomic>
-#include <functional>
-
 #include <Vistrel.h>
 #include <android/hidl/base/1.0/IBase.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
+#include <stdint.h>
+#include <sys/types.h>
 #include <utils/Condition.h>
 #include <utils/KeyedVector.h>
 #include <utils/Mutex.h>
@@ -39,6 +35,9 @@
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtilCallback.h>
 
+#include <atomic>
+#include <functional>
+
 namespace mirova {
 
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
@@ -48,7 +47,8 @@ class Vistrel;
 
 // The service client of one library object: holds the connection to the
 // service, registers for its events and hands arriving events to the owner.
-class HdmiControl : public IHdmiUtilCallback, public virtual ::android::hardware::hidl_death_recipient {
+class HdmiControl : public IHdmiUtilCallback,
+                    public virtual ::android::hardware::hidl_death_recipient {
   public:
     explicit HdmiControl(Vistrel* owner);
     ~HdmiControl() override;
@@ -273,8 +273,7 @@ class Vistrel : public ::android::RefBase {
     // Brings the persisted 4K HDR switch and numbered property 9 into step.
     void syncHdr4kProperty();
     // Compares and stores a topology under mTopoLock; true when it changed.
-    bool storeTopo(const HDRContentTopo_t& latest, HDRContentTopo_t* stored)
-            REQUIRES(mTopoLock);
+    bool storeTopo(const HDRContentTopo_t& latest, HDRContentTopo_t* stored) REQUIRES(mTopoLock);
     // Stores the composer's two plane records as its topology; true when it
     // changed.
     bool storeHwcPlanes() REQUIRES(mTopoLock);

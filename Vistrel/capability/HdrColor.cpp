@@ -17,10 +17,8 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
-#include <string.h>
-
 #include <log/log.h>
+#include <string.h>
 
 #include "Vistrel/service/Check.h"
 #include "Vistrel/service/ServiceCall.h"
@@ -60,8 +58,7 @@ int Vistrel::getHDRSupportList(int* list, int capability, int* len) {
 
     const size_t count = items.size();
     if (count > 0 && (capability < 0 || count > static_cast<size_t>(capability))) {
-        ALOGE("[%s] %zu values do not fit the caller's %d", "getHDRSupportList", count,
-              capability);
+        ALOGE("[%s] %zu values do not fit the caller's %d", "getHDRSupportList", count, capability);
         return BAD_VALUE;
     }
     *len = static_cast<int>(count);

@@ -17,10 +17,8 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
-#include <string.h>
-
 #include <log/log.h>
+#include <string.h>
 
 #include "Vistrel/service/Check.h"
 #include "Vistrel/service/ServiceCall.h"

@@ -17,12 +17,10 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
+#include <log/log.h>
 #include <string.h>
 
 #include <algorithm>
-
-#include <log/log.h>
 
 #include "Vistrel/service/Check.h"
 #include "Vistrel/service/ServiceCall.h"

@@ -17,12 +17,10 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
-#include <stdlib.h>
-#include <string.h>
-
 #include <cutils/properties.h>
 #include <log/log.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include "Vistrel/service/ServiceCall.h"
 
@@ -115,8 +113,7 @@ int Vistrel::isUnderDoviMode(int value) {
 
 int Vistrel::checkHDRModeSupported(int hdrMode) {
     Mutex::Autolock _l(mLock);
-    return valueOr("checkHDRModeSupported", service()->checkHDRModeSupported(hdrMode),
-                   DEAD_OBJECT);
+    return valueOr("checkHDRModeSupported", service()->checkHDRModeSupported(hdrMode), DEAD_OBJECT);
 }
 
 int Vistrel::readHDRAutoProperty() {

@@ -17,7 +17,6 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
 #include <log/log.h>
 
 #include "Vistrel/service/ServiceCall.h"

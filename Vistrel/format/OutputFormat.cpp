@@ -17,10 +17,8 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
-#include <string.h>
-
 #include <log/log.h>
+#include <string.h>
 
 #include "Vistrel/service/Check.h"
 #include "Vistrel/service/ServiceCall.h"
@@ -70,8 +68,7 @@ int Vistrel::readOutputFormat(_HDMI_OUTPUT_FORMAT* fmt) {
 }
 
 int Vistrel::getResolvedAutoOutputFormat(_HDMI_OUTPUT_FORMAT* fmt) {
-    return readFormat("getResolvedAutoOutputFormat", &IHdmiUtil::getResolvedAutoOutputFormat,
-                      fmt);
+    return readFormat("getResolvedAutoOutputFormat", &IHdmiUtil::getResolvedAutoOutputFormat, fmt);
 }
 
 int Vistrel::setOutputFormat(const _HDMI_OUTPUT_FORMAT& fmt, int flags) {
@@ -82,9 +79,8 @@ int Vistrel::setOutputFormat(const _HDMI_OUTPUT_FORMAT& fmt, int flags) {
 
 int Vistrel::saveOutputFormat(const _HDMI_OUTPUT_FORMAT& fmt) {
     Mutex::Autolock _l(mLock);
-    return completed("saveOutputFormat", service()->saveOutputFormat(toService(fmt)))
-                   ? OK
-                   : DEAD_OBJECT;
+    return completed("saveOutputFormat", service()->saveOutputFormat(toService(fmt))) ? OK
+                                                                                      : DEAD_OBJECT;
 }
 
 int Vistrel::isOutputFormatSupported(_HDMI_OUTPUT_FORMAT fmt) {

@@ -21,11 +21,11 @@
 
 #include <log/log.h>
 
-#define VISTREL_CHECK_TEXT(cond, text)                                                \
-    do {                                                                              \
-        if (__builtin_expect(!(cond), 0)) {                                           \
-            LOG_ALWAYS_FATAL("%s:%d: CHECK(%s) failed.", __FILE__, __LINE__, text);   \
-        }                                                                             \
+#define VISTREL_CHECK_TEXT(cond, text)                                              \
+    do {                                                                            \
+        if (__builtin_expect(!(cond), 0)) {                                         \
+            LOG_ALWAYS_FATAL("%s:%d: CHECK(%s) failed.", __FILE__, __LINE__, text); \
+        }                                                                           \
     } while (0)
 
 #define VISTREL_CHECK(cond) VISTREL_CHECK_TEXT(cond, #cond)

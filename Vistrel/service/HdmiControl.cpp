@@ -17,16 +17,14 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
+#include <cutils/properties.h>
+#include <log/log.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <string>
-
-#include <cutils/properties.h>
-#include <log/log.h>
 
 #include "ServiceCall.h"
 
@@ -150,8 +148,8 @@ void HdmiControl::withdrawOnRelease() {
     mWithdrawn = true;
 }
 
-Return<void> HdmiControl::handleEvent(int32_t event, int32_t param1, int32_t param2,
-                                      int32_t param3, int64_t param4) {
+Return<void> HdmiControl::handleEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
+                                      int64_t param4) {
     Mutex::Autolock _l(mOwnerLock);
     if (mOwner == nullptr) {
         ALOGW("[HDMIEVNT][%s] event %d dropped: library object released", "handleEvent", event);

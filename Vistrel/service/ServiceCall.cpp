@@ -18,9 +18,9 @@
 
 #include "ServiceCall.h"
 
-#include <string>
-
 #include <log/log.h>
+
+#include <string>
 
 namespace mirova {
 

@@ -26,9 +26,8 @@
 
 #pragma once
 
-#include <stdint.h>
-
 #include <hidl/Status.h>
+#include <stdint.h>
 #include <utils/Errors.h>
 
 namespace mirova {

@@ -17,11 +17,9 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
-#include <stdlib.h>
-
 #include <cutils/properties.h>
 #include <log/log.h>
+#include <stdlib.h>
 #include <utils/KeyedVector.h>
 #include <utils/ThreadDefs.h>
 
@@ -201,8 +199,7 @@ void Vistrel::handleEventAsync(_vistrel_event event) {
     }
     if (callback2 != nullptr) {
         ALOGD("[HDMIEVNT][%s] deliver event to outside", "handleEventAsync");
-        callback2->onHdmiEvent(event.event, event.param1, event.param2, event.param3,
-                               event.param4);
+        callback2->onHdmiEvent(event.event, event.param1, event.param2, event.param3, event.param4);
     }
 }
 

@@ -17,7 +17,6 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
 #include <utils/Timers.h>
 
 #include "Check.h"

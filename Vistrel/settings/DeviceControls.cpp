@@ -17,7 +17,6 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
 #include <cutils/native_handle.h>
 #include <log/log.h>
 
@@ -60,8 +59,7 @@ int Vistrel::readEdidAutoMode() {
 
 int Vistrel::saveEdidAutoMode(int autoMode) {
     Mutex::Autolock _l(mLock);
-    return completed("saveEdidAutoMode", service()->saveEdidAutoMode(autoMode)) ? OK
-                                                                                : DEAD_OBJECT;
+    return completed("saveEdidAutoMode", service()->saveEdidAutoMode(autoMode)) ? OK : DEAD_OBJECT;
 }
 
 void Vistrel::setHDMIEnable(int enable) {

@@ -17,7 +17,6 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
 #include <log/log.h>
 
 #include "Vistrel/service/ServiceCall.h"
@@ -54,7 +53,7 @@ int Vistrel::setPropVal(int index, int value) {
 int Vistrel::clearOneStepInfo() {
     Mutex::Autolock _l(mLock);
     return completed("clearOneStepInfo", service()->clearOneStepInfo()) ? kClearedOneStepInfo
-                                                                         : DEAD_OBJECT;
+                                                                        : DEAD_OBJECT;
 }
 
 int Vistrel::getForceOffVal() {

@@ -17,7 +17,6 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
 #include <log/log.h>
 
 #include "Vistrel/service/ServiceCall.h"
@@ -70,8 +69,7 @@ int Vistrel::runtimeSetDpHDMISetting(int opMode) {
     if (mRuntimeDpHDMISupported == -1) {
         sp<IHdmiUtil> service = control()->getServiceRef();
         int32_t supported = -1;
-        if (!valueOf("isRuntimeDpHDMISupported", service->isRuntimeDpHDMISupported(),
-                     &supported)) {
+        if (!valueOf("isRuntimeDpHDMISupported", service->isRuntimeDpHDMISupported(), &supported)) {
             return DEAD_OBJECT;
         }
         mRuntimeDpHDMISupported = supported;

@@ -17,11 +17,9 @@
 #define LOG_TAG "HDMI-HIDL-Vistrel"
 
 #include <VistrelLib.h>
-
+#include <log/log.h>
 #include <stdio.h>
 #include <string.h>
-
-#include <log/log.h>
 
 #include "Vistrel/service/Check.h"
 #include "Vistrel/service/ServiceCall.h"
@@ -140,8 +138,7 @@ int Vistrel::handleTopoInfo(HDRContentTopo_t* latest, HDRContentTopo_t* stored) 
 
 void Vistrel::dumpTopoInfo(HDRContentTopo_t* topo) {
     VISTREL_CHECK(topo != NULL);  // NOLINT(modernize-use-nullptr): the logged text
-    ALOGD("[HDMIHDRDELIVER] TOPO source %s instances %d", producerName(topo->source),
-          topo->count);
+    ALOGD("[HDMIHDRDELIVER] TOPO source %s instances %d", producerName(topo->source), topo->count);
     const int32_t count = countInRange(topo->count) ? topo->count : 0;
     for (int32_t i = 0; i < count; ++i) {
         const HDRInstance_t& e = topo->entry[i];

@@ -16,7 +16,6 @@
 
 #include <cutils/properties.h>
 #include <cutils/properties_host.h>
-
 #include <errno.h>
 #include <inttypes.h>
 #include <stdlib.h>

@@ -16,16 +16,14 @@
 
 #define LOG_TAG "HidlSupport"
 
+#include <android/hidl/base/1.0/IBase.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
-
+#include <log/log.h>
 #include <stdlib.h>
+#include <utils/Errors.h>
 
 #include <string>
-
-#include <android/hidl/base/1.0/IBase.h>
-#include <log/log.h>
-#include <utils/Errors.h>
 
 namespace android {
 namespace hardware {

@@ -17,6 +17,7 @@
 #define LOG_TAG "HostServiceRegistry"
 
 #include <hidl/HostServiceRegistry.h>
+#include <log/log.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -25,8 +26,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include <log/log.h>
 
 namespace android {
 namespace hardware {

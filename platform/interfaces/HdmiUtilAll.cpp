@@ -20,14 +20,13 @@
 
 #define LOG_TAG "vendor.mirova.hdmiutil.provider@1.0"
 
+#include <hidl/HostServiceRegistry.h>
+#include <log/log.h>
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtilCallback.h>
 
 #include <memory>
 #include <utility>
-
-#include <hidl/HostServiceRegistry.h>
-#include <log/log.h>
 
 namespace vendor {
 namespace mirova {
@@ -60,8 +59,7 @@ class BpHwHdmiUtil : public IHdmiUtil {
 
     bool isRemote() const override { return true; }
 
-    Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient,
-                             uint64_t cookie) override {
+    Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
         return mEntry->linkToDeath(recipient, cookie, wp<IBase>(this));
     }
     Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
@@ -73,33 +71,43 @@ class BpHwHdmiUtil : public IHdmiUtil {
     }
 
 // Forwards one call to the live service, or fails it as a dead binder does.
-#define VISTREL_FORWARD(call)                                                     \
-    do {                                                                          \
+#define VISTREL_FORWARD(call)                                                         \
+    do {                                                                              \
         if (!mEntry->isAlive()) return ::android::hardware::host::deadObjectStatus(); \
-        return mService->call;                                                    \
+        return mService->call;                                                        \
     } while (0)
 
     Return<void> setCallback(int32_t pid, const hidl_string& processName,
                              const sp<IHdmiUtilCallback>& callback) override {
         VISTREL_FORWARD(setCallback(pid, processName, callback));
     }
-    Return<void> removeCallback(int32_t pid) override { VISTREL_FORWARD(removeCallback(pid)); }
+    Return<void> removeCallback(int32_t pid) override {
+        VISTREL_FORWARD(removeCallback(pid));
+    }
     Return<void> readOutputFormat(readOutputFormat_cb cb) override {
         VISTREL_FORWARD(readOutputFormat(cb));
     }
     Return<void> saveOutputFormat(const OutputFormat& fmt) override {
         VISTREL_FORWARD(saveOutputFormat(fmt));
     }
-    Return<int32_t> readEdidAutoMode() override { VISTREL_FORWARD(readEdidAutoMode()); }
+    Return<int32_t> readEdidAutoMode() override {
+        VISTREL_FORWARD(readEdidAutoMode());
+    }
     Return<void> saveEdidAutoMode(int32_t mode) override {
         VISTREL_FORWARD(saveEdidAutoMode(mode));
     }
-    Return<bool> checkIfHDMIPlugged() override { VISTREL_FORWARD(checkIfHDMIPlugged()); }
-    Return<bool> getHDMIEDIDReady() override { VISTREL_FORWARD(getHDMIEDIDReady()); }
+    Return<bool> checkIfHDMIPlugged() override {
+        VISTREL_FORWARD(checkIfHDMIPlugged());
+    }
+    Return<bool> getHDMIEDIDReady() override {
+        VISTREL_FORWARD(getHDMIEDIDReady());
+    }
     Return<void> getEDIDRawData(getEDIDRawData_cb cb) override {
         VISTREL_FORWARD(getEDIDRawData(cb));
     }
-    Return<bool> isTVSupport3D() override { VISTREL_FORWARD(isTVSupport3D()); }
+    Return<bool> isTVSupport3D() override {
+        VISTREL_FORWARD(isTVSupport3D());
+    }
     Return<int32_t> setHDMIFormat3D(int32_t format3d, float param) override {
         VISTREL_FORWARD(setHDMIFormat3D(format3d, param));
     }
@@ -118,25 +126,45 @@ class BpHwHdmiUtil : public IHdmiUtil {
     Return<void> getColorSet(int32_t a, int32_t b, int32_t c, getColorSet_cb cb) override {
         VISTREL_FORWARD(getColorSet(a, b, c, cb));
     }
-    Return<void> reserved() override { VISTREL_FORWARD(reserved()); }
+    Return<void> reserved() override {
+        VISTREL_FORWARD(reserved());
+    }
     Return<void> saveColorModeEnum(int32_t colorMode) override {
         VISTREL_FORWARD(saveColorModeEnum(colorMode));
     }
-    Return<int32_t> readColorModeEnum() override { VISTREL_FORWARD(readColorModeEnum()); }
-    Return<int32_t> readHDRAutoProperty() override { VISTREL_FORWARD(readHDRAutoProperty()); }
+    Return<int32_t> readColorModeEnum() override {
+        VISTREL_FORWARD(readColorModeEnum());
+    }
+    Return<int32_t> readHDRAutoProperty() override {
+        VISTREL_FORWARD(readHDRAutoProperty());
+    }
     Return<int32_t> checkHDRModeSupported(int32_t hdrMode) override {
         VISTREL_FORWARD(checkHDRModeSupported(hdrMode));
     }
     Return<int32_t> isUnderDoviMode(int32_t value) override {
         VISTREL_FORWARD(isUnderDoviMode(value));
     }
-    Return<void> setHDMIEnable(int32_t enable) override { VISTREL_FORWARD(setHDMIEnable(enable)); }
-    Return<void> getTVCapInfo(getTVCapInfo_cb cb) override { VISTREL_FORWARD(getTVCapInfo(cb)); }
-    Return<void> getSinkCapability() override { VISTREL_FORWARD(getSinkCapability()); }
-    Return<int32_t> acquireLock(int32_t lockId) override { VISTREL_FORWARD(acquireLock(lockId)); }
-    Return<void> releaseLock(int32_t lockId) override { VISTREL_FORWARD(releaseLock(lockId)); }
-    Return<void> clearOneStepInfo() override { VISTREL_FORWARD(clearOneStepInfo()); }
-    Return<int32_t> getDiffSourceValue() override { VISTREL_FORWARD(getDiffSourceValue()); }
+    Return<void> setHDMIEnable(int32_t enable) override {
+        VISTREL_FORWARD(setHDMIEnable(enable));
+    }
+    Return<void> getTVCapInfo(getTVCapInfo_cb cb) override {
+        VISTREL_FORWARD(getTVCapInfo(cb));
+    }
+    Return<void> getSinkCapability() override {
+        VISTREL_FORWARD(getSinkCapability());
+    }
+    Return<int32_t> acquireLock(int32_t lockId) override {
+        VISTREL_FORWARD(acquireLock(lockId));
+    }
+    Return<void> releaseLock(int32_t lockId) override {
+        VISTREL_FORWARD(releaseLock(lockId));
+    }
+    Return<void> clearOneStepInfo() override {
+        VISTREL_FORWARD(clearOneStepInfo());
+    }
+    Return<int32_t> getDiffSourceValue() override {
+        VISTREL_FORWARD(getDiffSourceValue());
+    }
     Return<int32_t> setDiffSourceValue(int32_t value) override {
         VISTREL_FORWARD(setDiffSourceValue(value));
     }
@@ -146,24 +174,42 @@ class BpHwHdmiUtil : public IHdmiUtil {
     Return<void> getHDRSupportList(getHDRSupportList_cb cb) override {
         VISTREL_FORWARD(getHDRSupportList(cb));
     }
-    Return<int32_t> envSupportsDv() override { VISTREL_FORWARD(envSupportsDv()); }
-    Return<void> setVRREnable(int32_t enable) override { VISTREL_FORWARD(setVRREnable(enable)); }
-    Return<int32_t> getVRREnabled() override { VISTREL_FORWARD(getVRREnabled()); }
-    Return<void> setVRRFps(int32_t fps) override { VISTREL_FORWARD(setVRRFps(fps)); }
+    Return<int32_t> envSupportsDv() override {
+        VISTREL_FORWARD(envSupportsDv());
+    }
+    Return<void> setVRREnable(int32_t enable) override {
+        VISTREL_FORWARD(setVRREnable(enable));
+    }
+    Return<int32_t> getVRREnabled() override {
+        VISTREL_FORWARD(getVRREnabled());
+    }
+    Return<void> setVRRFps(int32_t fps) override {
+        VISTREL_FORWARD(setVRRFps(fps));
+    }
     Return<void> setPropVal(int32_t index, int32_t value) override {
         VISTREL_FORWARD(setPropVal(index, value));
     }
-    Return<int32_t> getPropVal(int32_t index) override { VISTREL_FORWARD(getPropVal(index)); }
-    Return<void> getHidlInfo(int32_t a, int32_t b) override { VISTREL_FORWARD(getHidlInfo(a, b)); }
+    Return<int32_t> getPropVal(int32_t index) override {
+        VISTREL_FORWARD(getPropVal(index));
+    }
+    Return<void> getHidlInfo(int32_t a, int32_t b) override {
+        VISTREL_FORWARD(getHidlInfo(a, b));
+    }
     Return<int32_t> isRuntimeDpHDMISupported() override {
         VISTREL_FORWARD(isRuntimeDpHDMISupported());
     }
-    Return<int32_t> getInterfaceType() override { VISTREL_FORWARD(getInterfaceType()); }
-    Return<bool> getForceOffVal() override { VISTREL_FORWARD(getForceOffVal()); }
+    Return<int32_t> getInterfaceType() override {
+        VISTREL_FORWARD(getInterfaceType());
+    }
+    Return<bool> getForceOffVal() override {
+        VISTREL_FORWARD(getForceOffVal());
+    }
     Return<void> handleTopoInfo(const hHDRContentTopo& topo) override {
         VISTREL_FORWARD(handleTopoInfo(topo));
     }
-    Return<void> dumpState(const hidl_handle& fd) override { VISTREL_FORWARD(dumpState(fd)); }
+    Return<void> dumpState(const hidl_handle& fd) override {
+        VISTREL_FORWARD(dumpState(fd));
+    }
     Return<int32_t> setVideoFps(int32_t value1, int32_t value2) override {
         VISTREL_FORWARD(setVideoFps(value1, value2));
     }
@@ -173,11 +219,15 @@ class BpHwHdmiUtil : public IHdmiUtil {
     Return<int32_t> processHDMIDebugCmd(int32_t cmd, const hidl_handle& fd) override {
         VISTREL_FORWARD(processHDMIDebugCmd(cmd, fd));
     }
-    Return<void> setALLM(int32_t enable) override { VISTREL_FORWARD(setALLM(enable)); }
+    Return<void> setALLM(int32_t enable) override {
+        VISTREL_FORWARD(setALLM(enable));
+    }
     Return<int32_t> isOutputFormatSupported(const OutputFormat& fmt) override {
         VISTREL_FORWARD(isOutputFormatSupported(fmt));
     }
-    Return<int32_t> control5v(int32_t value) override { VISTREL_FORWARD(control5v(value)); }
+    Return<int32_t> control5v(int32_t value) override {
+        VISTREL_FORWARD(control5v(value));
+    }
     Return<void> getResolvedAutoOutputFormat(getResolvedAutoOutputFormat_cb cb) override {
         VISTREL_FORWARD(getResolvedAutoOutputFormat(cb));
     }

@@ -24,12 +24,12 @@ using ::testing::Invoke;
 
 FakeHdmiUtil::FakeHdmiUtil() {
     ON_CALL(*this, setCallback(_, _, _))
-            .WillByDefault(Invoke([this](int32_t pid, const hidl_string&,
-                                         const sp<IHdmiUtilCallback>& callback) {
-                std::lock_guard<std::mutex> guard(mLock);
-                mCallbacks[pid] = callback;
-                return Void();
-            }));
+            .WillByDefault(Invoke(
+                    [this](int32_t pid, const hidl_string&, const sp<IHdmiUtilCallback>& callback) {
+                        std::lock_guard<std::mutex> guard(mLock);
+                        mCallbacks[pid] = callback;
+                        return Void();
+                    }));
     ON_CALL(*this, removeCallback(_)).WillByDefault(Invoke([this](int32_t pid) {
         sp<IHdmiUtilCallback> dropped;
         std::lock_guard<std::mutex> guard(mLock);
@@ -70,8 +70,7 @@ FakeHdmiUtil::FakeHdmiUtil() {
 
     ON_CALL(*this, readOutputFormat(_)).WillByDefault(AnswerRecord(0, OutputFormat{}));
     ON_CALL(*this, getCurrentOutputFormat(_)).WillByDefault(AnswerRecord(0, OutputFormat{}));
-    ON_CALL(*this, getResolvedAutoOutputFormat(_))
-            .WillByDefault(AnswerRecord(0, OutputFormat{}));
+    ON_CALL(*this, getResolvedAutoOutputFormat(_)).WillByDefault(AnswerRecord(0, OutputFormat{}));
     ON_CALL(*this, getEDIDRawData(_)).WillByDefault(AnswerRecord(0, EDIDData{}));
     ON_CALL(*this, getEDIDSupportList(_)).WillByDefault(AnswerRecord(0, EDIDSupportList{}));
     ON_CALL(*this, getTVCapInfo(_)).WillByDefault(AnswerRecord(0, TVCapInfo{}));
@@ -142,9 +141,9 @@ void FakeHdmiUtil::eventLoop() {
         mDelivering = true;
         guard.unlock();
         for (auto& target : targets) {
-            Return<void> ret = target->handleEvent(std::get<0>(event), std::get<1>(event),
-                                                   std::get<2>(event), std::get<3>(event),
-                                                   std::get<4>(event));
+            Return<void> ret =
+                    target->handleEvent(std::get<0>(event), std::get<1>(event), std::get<2>(event),
+                                        std::get<3>(event), std::get<4>(event));
             ret.isOk();  // a oneway call: nothing comes back
         }
         targets.clear();
@@ -177,8 +176,8 @@ void Gate::awaitWaiters(int n) {
     mChanged.wait(guard, [this, n] { return mWaiters >= n; });
 }
 
-OutputFormat makeFormat(uint8_t mode, uint8_t vic, uint8_t vicParam, uint8_t color,
-                        uint8_t depth, uint8_t option, uint8_t hdr, uint8_t contentType) {
+OutputFormat makeFormat(uint8_t mode, uint8_t vic, uint8_t vicParam, uint8_t color, uint8_t depth,
+                        uint8_t option, uint8_t hdr, uint8_t contentType) {
     return OutputFormat{mode, vic, vicParam, color, depth, option, hdr, contentType};
 }
 

@@ -25,7 +25,12 @@
 
 #pragma once
 
+#include <gmock/gmock.h>
+#include <hidl/HidlSupport.h>
+#include <hidl/Status.h>
 #include <stdint.h>
+#include <vendor/mirova/hdmiutil/common/1.0/types.h>
+#include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
 
 #include <condition_variable>
 #include <deque>
@@ -35,12 +40,6 @@
 #include <thread>
 #include <tuple>
 #include <utility>
-
-#include <gmock/gmock.h>
-#include <hidl/HidlSupport.h>
-#include <hidl/Status.h>
-#include <vendor/mirova/hdmiutil/common/1.0/types.h>
-#include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
 
 namespace mirova {
 namespace test {
@@ -58,9 +57,9 @@ using ::vendor::mirova::hdmiutil::common::V1_0::EDIDData;
 using ::vendor::mirova::hdmiutil::common::V1_0::EDIDSupportList;
 using ::vendor::mirova::hdmiutil::common::V1_0::hAudio_desc;
 using ::vendor::mirova::hdmiutil::common::V1_0::HDMIFormatSupport;
+using ::vendor::mirova::hdmiutil::common::V1_0::HDRList;
 using ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo;
 using ::vendor::mirova::hdmiutil::common::V1_0::hHDRInstance;
-using ::vendor::mirova::hdmiutil::common::V1_0::HDRList;
 using ::vendor::mirova::hdmiutil::common::V1_0::OutputFormat;
 using ::vendor::mirova::hdmiutil::common::V1_0::TVCapInfo;
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
@@ -86,8 +85,7 @@ class MockHdmiUtil : public IHdmiUtil {
     MOCK_METHOD(Return<void>, getEDIDSupportList, (getEDIDSupportList_cb), (override));
     MOCK_METHOD(Return<void>, getCurrentOutputFormat, (getCurrentOutputFormat_cb), (override));
     MOCK_METHOD(Return<void>, setHDREotfMode, (int32_t), (override));
-    MOCK_METHOD(Return<void>, getColorSet, (int32_t, int32_t, int32_t, getColorSet_cb),
-                (override));
+    MOCK_METHOD(Return<void>, getColorSet, (int32_t, int32_t, int32_t, getColorSet_cb), (override));
     MOCK_METHOD(Return<void>, reserved, (), (override));
     MOCK_METHOD(Return<void>, saveColorModeEnum, (int32_t), (override));
     MOCK_METHOD(Return<int32_t>, readColorModeEnum, (), (override));
@@ -118,8 +116,7 @@ class MockHdmiUtil : public IHdmiUtil {
     MOCK_METHOD(Return<void>, dumpState, (const hidl_handle&), (override));
     MOCK_METHOD(Return<int32_t>, setVideoFps, (int32_t, int32_t), (override));
     MOCK_METHOD(Return<int32_t>, emulateFwCallbackHDRType, (int32_t, int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, processHDMIDebugCmd, (int32_t, const hidl_handle&),
-                (override));
+    MOCK_METHOD(Return<int32_t>, processHDMIDebugCmd, (int32_t, const hidl_handle&), (override));
     MOCK_METHOD(Return<void>, setALLM, (int32_t), (override));
     MOCK_METHOD(Return<int32_t>, isOutputFormatSupported, (const OutputFormat&), (override));
     MOCK_METHOD(Return<int32_t>, control5v, (int32_t), (override));
@@ -214,8 +211,8 @@ class Gate {
 
 // --- Records ----------------------------------------------------------------
 
-OutputFormat makeFormat(uint8_t mode, uint8_t vic, uint8_t vicParam, uint8_t color,
-                        uint8_t depth, uint8_t option, uint8_t hdr, uint8_t contentType);
+OutputFormat makeFormat(uint8_t mode, uint8_t vic, uint8_t vicParam, uint8_t color, uint8_t depth,
+                        uint8_t option, uint8_t hdr, uint8_t contentType);
 
 }  // namespace test
 }  // namespace mirova

@@ -21,10 +21,9 @@
 
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <Vistrel.h>
 #include <VistrelLib.h>
+#include <gtest/gtest.h>
 
 #include "FakeHdmiUtil.h"
 #include "LogCapture.h"

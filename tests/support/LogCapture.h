@@ -19,10 +19,10 @@
 
 #pragma once
 
+#include <android/log.h>
+
 #include <string>
 #include <vector>
-
-#include <android/log.h>
 
 namespace mirova {
 namespace test {

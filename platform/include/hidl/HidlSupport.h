@@ -20,9 +20,13 @@
 
 #pragma once
 
+#include <cutils/native_handle.h>
+#include <hidl/Status.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
+#include <utils/RefBase.h>
+#include <utils/StrongPointer.h>
 
 #include <algorithm>
 #include <initializer_list>
@@ -30,11 +34,6 @@
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include <cutils/native_handle.h>
-#include <hidl/Status.h>
-#include <utils/RefBase.h>
-#include <utils/StrongPointer.h>
 
 namespace android {
 
@@ -54,7 +53,9 @@ namespace details {
 template <typename T>
 struct hidl_pointer {
     hidl_pointer() : _pad(0) {}
-    hidl_pointer(T* ptr) : hidl_pointer() { mPointer = ptr; }  // NOLINT(google-explicit-constructor)
+    hidl_pointer(T* ptr) : hidl_pointer() {
+        mPointer = ptr;
+    }  // NOLINT(google-explicit-constructor)
     hidl_pointer& operator=(T* ptr) {
         _pad = 0;
         mPointer = ptr;
@@ -110,7 +111,9 @@ struct hidl_string {
         return *this;
     }
 
-    const char* c_str() const { return mSize == 0 || mBuffer.get() == nullptr ? "" : mBuffer.get(); }
+    const char* c_str() const {
+        return mSize == 0 || mBuffer.get() == nullptr ? "" : mBuffer.get();
+    }
     size_t size() const { return mSize; }
     bool empty() const { return mSize == 0; }
     operator std::string() const { return std::string(c_str(), mSize); }  // NOLINT

@@ -25,15 +25,14 @@
 
 #pragma once
 
+#include <android/hidl/base/1.0/IBase.h>
+#include <hidl/HidlSupport.h>
 #include <stdint.h>
+#include <utils/Errors.h>
+#include <utils/StrongPointer.h>
 
 #include <memory>
 #include <string>
-
-#include <android/hidl/base/1.0/IBase.h>
-#include <hidl/HidlSupport.h>
-#include <utils/Errors.h>
-#include <utils/StrongPointer.h>
 
 namespace android {
 namespace hardware {

@@ -22,11 +22,10 @@
 #pragma once
 
 #include <stdint.h>
+#include <utils/Errors.h>
 
 #include <string>
 #include <utility>
-
-#include <utils/Errors.h>
 
 namespace android {
 namespace hardware {
@@ -115,7 +114,7 @@ class return_status {
 template <typename T>
 class Return : public details::return_status {
   public:
-    Return(T v) : details::return_status(), mVal(v) {}  // NOLINT(google-explicit-constructor)
+    Return(T v) : details::return_status(), mVal(v) {}       // NOLINT(google-explicit-constructor)
     Return(Status s) : details::return_status(s), mVal() {}  // NOLINT(google-explicit-constructor)
     Return(Return&& other) noexcept = default;
     Return& operator=(Return&&) noexcept = default;

@@ -20,14 +20,13 @@
 
 #pragma once
 
-#include <stdint.h>
-
-#include <functional>
-
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
+#include <stdint.h>
 #include <utils/RefBase.h>
 #include <utils/StrongPointer.h>
+
+#include <functional>
 
 namespace android {
 namespace hidl {

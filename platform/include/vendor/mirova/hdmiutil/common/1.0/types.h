@@ -19,10 +19,9 @@
 
 #pragma once
 
+#include <hidl/HidlSupport.h>
 #include <stddef.h>
 #include <stdint.h>
-
-#include <hidl/HidlSupport.h>
 
 namespace vendor {
 namespace mirova {
@@ -162,9 +161,9 @@ static_assert(sizeof(hHDRContentTopo) == 24 && offsetof(hHDRContentTopo, instanc
               "hHDRContentTopo");
 
 inline bool operator==(const OutputFormat& a, const OutputFormat& b) {
-    return a.mode == b.mode && a.vic == b.vic && a.vic_param == b.vic_param &&
-           a.color == b.color && a.color_depth == b.color_depth && a.option == b.option &&
-           a.hdr == b.hdr && a.content_type == b.content_type;
+    return a.mode == b.mode && a.vic == b.vic && a.vic_param == b.vic_param && a.color == b.color &&
+           a.color_depth == b.color_depth && a.option == b.option && a.hdr == b.hdr &&
+           a.content_type == b.content_type;
 }
 inline bool operator!=(const OutputFormat& a, const OutputFormat& b) {
     return !(a == b);

@@ -21,18 +21,17 @@
 
 #pragma once
 
-#include <stdint.h>
-
-#include <functional>
-#include <string>
-
 #include <android/hidl/base/1.0/IBase.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
+#include <stdint.h>
 #include <utils/Errors.h>
 #include <utils/StrongPointer.h>
 #include <vendor/mirova/hdmiutil/common/1.0/types.h>
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtilCallback.h>
+
+#include <functional>
+#include <string>
 
 namespace vendor {
 namespace mirova {
@@ -73,8 +72,7 @@ struct IHdmiUtil : public ::android::hidl::base::V1_0::IBase {
     virtual ::android::hardware::Return<bool> getHDMIEDIDReady() = 0;
     virtual ::android::hardware::Return<void> getEDIDRawData(getEDIDRawData_cb _hidl_cb) = 0;
     virtual ::android::hardware::Return<bool> isTVSupport3D() = 0;
-    virtual ::android::hardware::Return<int32_t> setHDMIFormat3D(int32_t format3d,
-                                                                 float param) = 0;
+    virtual ::android::hardware::Return<int32_t> setHDMIFormat3D(int32_t format3d, float param) = 0;
     virtual ::android::hardware::Return<int32_t> setOutputFormat(const OutputFormat& fmt,
                                                                  int32_t flags) = 0;
     virtual ::android::hardware::Return<void> getEDIDSupportList(
@@ -114,8 +112,7 @@ struct IHdmiUtil : public ::android::hidl::base::V1_0::IBase {
     virtual ::android::hardware::Return<void> dumpState(
             const ::android::hardware::hidl_handle& fd) = 0;
     virtual ::android::hardware::Return<int32_t> setVideoFps(int32_t value1, int32_t value2) = 0;
-    virtual ::android::hardware::Return<int32_t> emulateFwCallbackHDRType(int32_t a,
-                                                                          int32_t b) = 0;
+    virtual ::android::hardware::Return<int32_t> emulateFwCallbackHDRType(int32_t a, int32_t b) = 0;
     virtual ::android::hardware::Return<int32_t> processHDMIDebugCmd(
             int32_t cmd, const ::android::hardware::hidl_handle& fd) = 0;
     virtual ::android::hardware::Return<void> setALLM(int32_t enable) = 0;

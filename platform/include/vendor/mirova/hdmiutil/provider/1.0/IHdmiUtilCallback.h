@@ -19,11 +19,10 @@
 
 #pragma once
 
-#include <stdint.h>
-
 #include <android/hidl/base/1.0/IBase.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
+#include <stdint.h>
 
 namespace vendor {
 namespace mirova {
