@@ -12,7 +12,7 @@ HOST_DEPS := cmake make g++ clang libclang-rt-14-dev python3 libgtest-dev libgmo
              edid-decode
 
 .PHONY: all deps build run test test-host test-checks test-sanitizers test-fuzz test-arm \
-        bench format clean
+        bench format style clean
 
 all: build
 
@@ -37,6 +37,7 @@ test-host: build
 test-checks: deps
 	python3 tests/check_build_lists.py
 	python3 tests/check_interfaces.py
+	@if [ -x tools/ci/style.sh ]; then tools/ci/style.sh; fi
 
 test-sanitizers: deps
 	@if [ -x tools/ci/sanitizers.sh ]; then tools/ci/sanitizers.sh; fi
@@ -52,6 +53,9 @@ bench: deps
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')
+
+style:
+	tools/ci/style.sh
 
 clean:
 	rm -rf $(BUILD)

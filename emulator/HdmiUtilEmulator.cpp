@@ -37,13 +37,8 @@ using ::android::Mutex;
 using ::android::OK;
 using ::android::sp;
 using ::android::status_t;
-using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Void;
-using ::vendor::mirova::hdmiutil::common::V1_0::ColorSet;
-using ::vendor::mirova::hdmiutil::common::V1_0::EDIDData;
-using ::vendor::mirova::hdmiutil::common::V1_0::EDIDSupportList;
-using ::vendor::mirova::hdmiutil::common::V1_0::HDRList;
 using ::vendor::mirova::hdmiutil::common::V1_0::OutputFormat;
 
 namespace {

@@ -141,7 +141,9 @@ namespace V1_0 {
 
 const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
 
-::android::hardware::Return<void> IBase::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
+// The callback is taken by value, as in the generated interface.
+::android::hardware::Return<void> IBase::interfaceDescriptor(
+        interfaceDescriptor_cb _hidl_cb) {  // NOLINT(performance-unnecessary-value-param)
     _hidl_cb(descriptor);
     return ::android::hardware::Void();
 }

@@ -133,7 +133,7 @@ class Return : public details::return_status {
 template <>
 class Return<void> : public details::return_status {
   public:
-    Return() : details::return_status() {}
+    Return() = default;
     Return(const Status& s) : details::return_status(s) {}  // NOLINT(google-explicit-constructor)
     Return(Return&& other) noexcept = default;
     Return& operator=(Return&&) noexcept = default;
