@@ -78,51 +78,42 @@ def strip_bp_comments(text):
     return "".join(out)
 
 
-def bp_modules(text, module_type):
-    """(body) of each top-level `module_type { ... }` block."""
-    for match in re.finditer(r"(?m)^\s*%s\s*\{" % re.escape(module_type), text):
-        depth, start, i = 0, match.end() - 1, match.end() - 1
-        while i < len(text):
-            if text[i] == '"':
-                i = text.index('"', i + 1)
-            elif text[i] in "{[":
-                depth += 1
-            elif text[i] in "}]":
-                depth -= 1
-                if depth == 0:
-                    yield text[start + 1:i]
-                    break
-            i += 1
-
-
-def top_level_property(body, name):
-    """The text of `name: <value>` at the module's own level (not in arch: {...})."""
-    depth, i = 0, 0
-    while i < len(body):
-        ch = body[i]
+def scan(text, start=0):
+    """(index, character, depth) for each character from `start` outside string
+    literals; depth counts the {[ brackets open once the character is read."""
+    depth, i = 0, start
+    while i < len(text):
+        ch = text[i]
         if ch == '"':
-            i = body.index('"', i + 1) + 1
+            i = text.index('"', i + 1) + 1
             continue
         if ch in "{[":
             depth += 1
         elif ch in "}]":
             depth -= 1
-        elif depth == 0 and re.match(r"\b%s\s*:" % name, body[i:]) and (
+        yield i, ch, depth
+        i += 1
+
+
+def bp_modules(text, module_type):
+    """(body) of each top-level `module_type { ... }` block."""
+    for match in re.finditer(r"(?m)^\s*%s\s*\{" % re.escape(module_type), text):
+        start = match.end() - 1
+        for i, _, depth in scan(text, start):
+            if depth == 0:  # the brace that closes the module
+                yield text[start + 1:i]
+                break
+
+
+def top_level_property(body, name):
+    """The text of `name: <value>` at the module's own level (not in arch: {...})."""
+    for i, _, depth in scan(body):
+        if depth == 0 and re.match(r"\b%s\s*:" % name, body[i:]) and (
                 i == 0 or not (body[i - 1].isalnum() or body[i - 1] == "_")):
             value_start = body.index(":", i) + 1
-            j, inner = value_start, 0
-            while j < len(body):
-                if body[j] == '"':
-                    j = body.index('"', j + 1)
-                elif body[j] in "{[":
-                    inner += 1
-                elif body[j] in "}]":
-                    inner -= 1
-                elif body[j] == "," and inner == 0:
-                    break
-                j += 1
-            return body[value_start:j].strip()
-        i += 1
+            end = next((j for j, ch, inner in scan(body, value_start) if ch == "," and inner == 0),
+                       len(body))
+            return body[value_start:end].strip()
     return None
 
 
