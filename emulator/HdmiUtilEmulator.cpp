@@ -635,13 +635,11 @@ Return<int32_t> HdmiUtilEmulator::checkHDRModeSupported(int32_t hdrMode) {
 }
 
 Return<int32_t> HdmiUtilEmulator::readHDRAutoProperty() {
-    Mutex::Autolock _l(mLock);
-    return mState.hdrAutoProperty;
+    return readField(&State::hdrAutoProperty);
 }
 
 Return<void> HdmiUtilEmulator::setHDREotfMode(int32_t eotfMode) {
-    Mutex::Autolock _l(mLock);
-    mState.eotfMode = eotfMode;
+    storeField(&State::eotfMode, eotfMode);
     return Void();
 }
 
@@ -665,6 +663,16 @@ Return<int32_t> HdmiUtilEmulator::getPropVal(int32_t index) {
     return propertyLocked(index);
 }
 
+int32_t HdmiUtilEmulator::readField(int32_t State::*field) const {
+    Mutex::Autolock _l(mLock);
+    return mState.*field;
+}
+
+void HdmiUtilEmulator::storeField(int32_t State::*field, int32_t value) {
+    Mutex::Autolock _l(mLock);
+    mState.*field = value;
+}
+
 int32_t HdmiUtilEmulator::propertyLocked(int32_t index) const {
     auto it = mState.properties.find(index);
     return it != mState.properties.end() ? it->second : 0;
@@ -684,13 +692,11 @@ Return<void> HdmiUtilEmulator::setVRREnable(int32_t enable) {
 }
 
 Return<int32_t> HdmiUtilEmulator::getVRREnabled() {
-    Mutex::Autolock _l(mLock);
-    return mState.vrrEnabled;
+    return readField(&State::vrrEnabled);
 }
 
 Return<void> HdmiUtilEmulator::setVRRFps(int32_t fps) {
-    Mutex::Autolock _l(mLock);
-    mState.vrrFps = fps;
+    storeField(&State::vrrFps, fps);
     return Void();
 }
 
@@ -701,18 +707,15 @@ Return<void> HdmiUtilEmulator::setALLM(int32_t enable) {
 }
 
 Return<int32_t> HdmiUtilEmulator::isRuntimeDpHDMISupported() {
-    Mutex::Autolock _l(mLock);
-    return mState.runtimeRouting;
+    return readField(&State::runtimeRouting);
 }
 
 Return<int32_t> HdmiUtilEmulator::getInterfaceType() {
-    Mutex::Autolock _l(mLock);
-    return mState.interfaceType;
+    return readField(&State::interfaceType);
 }
 
 Return<int32_t> HdmiUtilEmulator::getDiffSourceValue() {
-    Mutex::Autolock _l(mLock);
-    return mState.diffSource;
+    return readField(&State::diffSource);
 }
 
 Return<int32_t> HdmiUtilEmulator::setDiffSourceValue(int32_t value) {
@@ -727,30 +730,25 @@ Return<int32_t> HdmiUtilEmulator::setDiffSourceValue(int32_t value) {
 }
 
 Return<int32_t> HdmiUtilEmulator::readEdidAutoMode() {
-    Mutex::Autolock _l(mLock);
-    return mState.edidAutoMode;
+    return readField(&State::edidAutoMode);
 }
 
 Return<void> HdmiUtilEmulator::saveEdidAutoMode(int32_t mode) {
-    Mutex::Autolock _l(mLock);
-    mState.edidAutoMode = mode;
+    storeField(&State::edidAutoMode, mode);
     return Void();
 }
 
 Return<void> HdmiUtilEmulator::saveColorModeEnum(int32_t colorMode) {
-    Mutex::Autolock _l(mLock);
-    mState.colorMode = colorMode;
+    storeField(&State::colorMode, colorMode);
     return Void();
 }
 
 Return<int32_t> HdmiUtilEmulator::readColorModeEnum() {
-    Mutex::Autolock _l(mLock);
-    return mState.colorMode;
+    return readField(&State::colorMode);
 }
 
 Return<void> HdmiUtilEmulator::setDisplayState(int32_t state) {
-    Mutex::Autolock _l(mLock);
-    mState.displayState = state;
+    storeField(&State::displayState, state);
     return Void();
 }
 

@@ -191,6 +191,10 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     // A numbered property; 0 for an index never set.
     int32_t propertyLocked(int32_t index) const REQUIRES(mLock);
     std::string reportLocked() const REQUIRES(mLock);
+    // One setting of the state, read or stored under the lock: what most
+    // getters and setters of the interface amount to.
+    int32_t readField(int32_t State::*field) const EXCLUDES(mLock);
+    void storeField(int32_t State::*field, int32_t value) EXCLUDES(mLock);
     std::string debugTextLocked(int32_t cmd, bool* known) const REQUIRES(mLock);
 
     // Guards everything below; taken before the dispatcher's own lock.
