@@ -16,6 +16,19 @@
 
 // The classes behind the flat interface: the library object mirova::Vistrel,
 // its service client mirova::HdmiControl and its event worker thread.
+//
+// Lock order, first to last; a thread holding a lock takes only later ones:
+//   the entry frame's mLibLock
+//   Vistrel::mLock            (callers; serviceDied, with the owner pinned)
+//   Vistrel::mTopoLock        (topology; taken without mLock by its own paths)
+//   HdmiControl::mCallbackLock
+//   HdmiControl::mServiceLock
+// HdmiControl::mOwnerLock is taken alone, or by handleEvent before the leaf
+// locks Vistrel::mEventLock and WorkerThread::mWaitLock, which are never held
+// together. Waits: the release joins the worker holding no lock of the
+// object (its callback may call in); detach() waits for death notices with
+// no lock held; the waits for the service hold mLock, and mCallbackLock or
+// mTopoLock where the operation took them, and need nothing but the service.
 
 #pragma once
 
@@ -161,6 +174,9 @@ class Vistrel : public ::android::RefBase {
     void removeCallback();
     size_t getEventsSize();
     void handleEventAsync(_vistrel_event event);
+    // The library object whose callback the calling thread is running, or
+    // null: lets the entry frame refuse a call that a release waits for.
+    static const Vistrel* callbackObject();
 
     // --- Sink capabilities
     int getTVCapInfo(_HDMITVCapInfo* pInfo);

@@ -24,17 +24,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <hidl/HostServiceRegistry.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <random>
+#include <shared_mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "support/EventRecorder.h"
 #include "support/LibraryTest.h"
 
 namespace mirova {
@@ -112,6 +118,30 @@ class BatchRecorder : public VistrelCallback, public VistrelCallback2 {
     std::condition_variable mChanged;
     std::map<int32_t, size_t> mCount[2];
 };
+
+// Runs `scenario` on a thread of its own and ends the process with a message
+// when it has not returned within `limit`: a hung thread can be neither joined
+// nor left behind, so a hang fails the test here instead of at ctest's timeout.
+void runWithWatchdog(std::chrono::seconds limit, const std::function<void()>& scenario) {
+    std::mutex lock;
+    std::condition_variable changed;
+    bool done = false;
+    std::thread runner([&] {
+        scenario();
+        std::lock_guard<std::mutex> guard(lock);
+        done = true;
+        changed.notify_all();
+    });
+    std::unique_lock<std::mutex> guard(lock);
+    if (!changed.wait_for(guard, limit, [&] { return done; })) {
+        fprintf(stderr, "HANG: the scenario did not finish within %llds\n",
+                static_cast<long long>(limit.count()));
+        fflush(stderr);
+        _exit(3);
+    }
+    guard.unlock();
+    runner.join();
+}
 
 class StressTest : public LibraryTest {
   protected:
@@ -285,6 +315,204 @@ TEST_F(StressTest, CallbacksReenterTheLibrary) {
     fake->flushEvents();
     EXPECT_TRUE(recorder.delivered(0, kEvents, /*whole=*/true));
     EXPECT_EQ(recorder.bad, 0);
+}
+
+// A callback calls into the library while another thread releases it: the
+// release waits for that callback, so the call must not wait for the release.
+// A framed call gets its transport-failure answer with one warning line; a
+// method called on the object itself is served, since the object lives until
+// the callback has returned. The release returns once the callback has
+// returned; nothing else is affected.
+struct ReentryCase {
+    const char* name;
+    std::function<long long(Vistrel*)> call;  // the call; its answer as a number
+    long long answer;                         // what it gives during the release
+    int warnings;
+};
+
+const ReentryCase kReentryCases[] = {
+        {"value", [](Vistrel*) { return static_cast<long long>(hdmi_getPropVal(1)); }, -32, 1},
+        {"yes/no", [](Vistrel*) { return static_cast<long long>(hdmi_checkIfHDMIPlugged()); }, 0,
+         1},
+        {"pointer",
+         [](Vistrel*) { return static_cast<long long>(hdmi_getVRRGroupInfo() != nullptr); }, 0, 1},
+        {"no result",
+         [](Vistrel*) {
+             hdmi_setHDMIEnable(1);
+             return 0LL;
+         },
+         0, 1},
+        {"instance",
+         [](Vistrel*) { return static_cast<long long>(hdmi_getCurrentLibInstance() != nullptr); },
+         0, 1},
+        {"create",
+         [](Vistrel*) {
+             hdmi_createLib(nullptr, nullptr);
+             return 0LL;
+         },
+         0, 1},
+        {"callbacks",
+         [](Vistrel*) {
+             hdmi_setExistingLibCallbacks(nullptr, nullptr);
+             return 0LL;
+         },
+         0, 1},
+        {"release",
+         [](Vistrel*) {
+             hdmi_releaseLib();
+             return 0LL;
+         },
+         0, 1},
+        {"method", [](Vistrel* lib) { return static_cast<long long>(lib->getPropVal(1)); }, 0, 0},
+};
+
+class ReentryDuringReleaseTest : public StressTest,
+                                 public ::testing::WithParamInterface<ReentryCase> {};
+
+TEST_P(ReentryDuringReleaseTest, IsAnsweredAndTheReleaseReturns) {
+    __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
+    EventRecorder recorder;
+    RecordingCallback2 callback2(&recorder, 2);
+    std::atomic<bool> entered{false}, returned{false};
+    long long answer = -1000;
+    Vistrel* lib = nullptr;
+    callback2.hook = [&](const Delivery&) {
+        // Waits until the release has begun, then calls in.
+        entered = true;
+        for (int i = 0; i < 5000 && LogCapture::countExact("~Vistrel()") == 0; ++i) {
+            std::this_thread::sleep_for(1ms);
+        }
+        std::this_thread::sleep_for(20ms);
+        answer = GetParam().call(lib);
+        returned = true;
+    };
+    lib = createLib(nullptr, &callback2);
+    hdmi_setCallback();
+    LogCapture::clear();
+    fake->emitEvent(1, 0, 0, 0, 0);
+    fake->emitEvent(2, 0, 0, 0, 0);  // still queued at the release: dropped
+    fake->flushEvents();
+    for (int i = 0; i < 5000 && !entered; ++i) std::this_thread::sleep_for(1ms);
+    runWithWatchdog(30s, [&] {
+        std::thread releasing([] { hdmi_releaseLib(); });
+        releasing.join();
+        EXPECT_TRUE(returned);  // the release waited for the callback
+    });
+    EXPECT_EQ(answer, GetParam().answer);
+    EXPECT_EQ(recorder.deliveries().size(), 1u);
+    EXPECT_EQ(hdmi_getCurrentLibInstance(), nullptr);
+    EXPECT_EQ(LogCapture::countContaining("during a release", ANDROID_LOG_WARN),
+              GetParam().warnings);
+    // Afterwards the library is whole again: a new instance works.
+    ASSERT_NE(createLib(nullptr, nullptr), nullptr);
+    EXPECT_THAT(hdmi_checkIfHDMIPlugged(), AnyOf(0, 1));
+}
+
+INSTANTIATE_TEST_SUITE_P(EntryPoints, ReentryDuringReleaseTest, ::testing::ValuesIn(kReentryCases),
+                         [](const ::testing::TestParamInfo<ReentryCase>& info) {
+                             std::string name = info.param.name;
+                             for (char& c : name) c = isalnum(c) ? c : '_';
+                             return name;
+                         });
+
+// Releases and re-creations from two threads, callbacks that call back into
+// the library (and now and then release and re-create it themselves), framed
+// calls from two more threads, events at full rate and service deaths, all at
+// random moments. Bounded by counts; a hang ends the run through the watchdog.
+// A release returns only after the callback in progress has returned.
+TEST_F(StressTest, ReleasesRaceReentrantCallbacksAndServiceDeaths) {
+    constexpr int kLifecycles = 150, kRestarts = 40;
+    // Framed calls from outside need an instance: callers hold `guard` shared
+    // and look first; releases from outside hold it alone. A callback only
+    // tries for it, never waits (the release holding it may wait for that
+    // very callback).
+    std::shared_mutex guard;
+    std::mutex fakeLock;  // `fake` and `dead`: the emitter against restarts
+    std::atomic<int> active{0}, callbacks{0}, outsideReleases{0}, callbackReleases{0};
+    std::atomic<unsigned> calls{0};
+    std::atomic<bool> stop{false};
+
+    EventRecorder recorder;
+    RecordingCallback2 callback2(&recorder, 2);
+    callback2.hook = [&](const Delivery& d) {
+        ++active;
+        ++callbacks;
+        const unsigned n = static_cast<unsigned>(d.param1) * 2654435761u;
+        EXPECT_THAT(hdmi_getPropVal(0), AnyOf(0, -32));
+        EXPECT_THAT(hdmi_checkIfHDMIPlugged(), AnyOf(0, 1));
+        if (n % 3 == 0) hdmi_setExistingLibCallbacks(nullptr, &callback2);
+        if (n % 5 == 0) std::this_thread::sleep_for(std::chrono::microseconds(n % 2000));
+        bool alone = false;  // a few tries, never a wait
+        for (int i = 0; n % 7 == 0 && i < 20 && !(alone = guard.try_lock()); ++i) {
+            std::this_thread::sleep_for(50us);
+        }
+        if (alone) {
+            hdmi_releaseLib();
+            hdmi_createLib(nullptr, &callback2);
+            hdmi_setCallback();
+            ++callbackReleases;
+            --active;
+            guard.unlock();
+            return;
+        }
+        --active;
+    };
+
+    runWithWatchdog(100s, [&] {
+        std::vector<std::thread> threads;
+        for (unsigned t = 0; t < 2; ++t) {
+            threads.emplace_back([&, t] {  // releases and re-creations
+                std::mt19937 random(11 + t);
+                for (int i = 0; i < kLifecycles; ++i) {
+                    std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+                    std::unique_lock<std::shared_mutex> alone(guard);
+                    if (random() % 2 == 0) {
+                        hdmi_releaseLib();
+                        ++outsideReleases;
+                        EXPECT_EQ(active, 0) << "a release returned during a callback";
+                    } else {
+                        hdmi_createLib(nullptr, &callback2);
+                        hdmi_setCallback();
+                    }
+                }
+            });
+            threads.emplace_back([&, t] {  // framed calls from outside
+                for (std::mt19937 random(7 + t); !stop;) {
+                    std::this_thread::sleep_for(std::chrono::microseconds(random() % 200));
+                    std::shared_lock<std::shared_mutex> shared(guard);
+                    if (hdmi_getCurrentLibInstance() != nullptr) callerOperation(calls++ * 5 + t);
+                }
+            });
+        }
+        threads.emplace_back([&] {  // events
+            for (int32_t seq = 0; !stop; ++seq) {
+                std::lock_guard<std::mutex> lock(fakeLock);
+                fake->emitEvent(kEventCode, seq, 0, 0, 0);
+                if (seq % 64 == 0) std::this_thread::sleep_for(200us);
+            }
+        });
+        for (int i = 0; i < kRestarts; ++i) {
+            std::this_thread::sleep_for(5ms);
+            std::lock_guard<std::mutex> lock(fakeLock);
+            dead.push_back(replaceService());
+        }
+        threads[0].join();
+        threads[2].join();
+        stop = true;
+        for (std::thread& thread : threads) {
+            if (thread.joinable()) thread.join();
+        }
+        hdmi_releaseLib();
+        EXPECT_EQ(active, 0);
+    });
+    fake->flushEvents();
+    printf("%u framed calls from outside, %d callbacks, %d releases from outside and %d from "
+           "callbacks, %d service restarts, %d calls not served during a release\n",
+           calls.load(), callbacks.load(), outsideReleases.load(), callbackReleases.load(),
+           kRestarts, LogCapture::countContaining("during a release", ANDROID_LOG_WARN));
+    EXPECT_GT(callbacks, 0);
+    EXPECT_EQ(fake->registrationCount(), 0u);
+    EXPECT_EQ(LogCapture::countContaining("Explicit destruction"), 0);
 }
 
 }  // namespace

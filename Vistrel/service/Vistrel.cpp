@@ -49,6 +49,10 @@ constexpr size_t kEventShrinkLimit = 4096;
 
 }  // namespace
 
+// The library object whose caller callback this thread is running; null
+// outside callbacks. Tells the entry frame who is calling during a release.
+static thread_local const Vistrel* tCallbackObject = nullptr;
+
 // Each library object's service client, keyed by the object's address. Changed
 // only by construction and destruction, which the entry frame serialises.
 static KeyedVector<Vistrel*, sp<HdmiControl>> gHdmiControls;
@@ -84,20 +88,28 @@ Vistrel::Vistrel() : mHwcTopo(), mPlayerTopo(), mPlaneInstance(), mVrrGroupInfo(
 }
 
 Vistrel::~Vistrel() {
+    ALOGD("~Vistrel()");
     sp<HdmiControl> control = gHdmiControls.valueFor(this);
     // From here on no event or death notice reaches this object.
     control->detach();
 
-    Mutex::Autolock _l(mLock);
-    ALOGD("~Vistrel()");
-    control->withdrawOnRelease();
-    gHdmiControls.removeItem(this);
-    control.clear();  // ~HdmiControl runs here when the registry held the last reference
-
+    // The delivery in progress ends first, with no lock of this object held:
+    // its callback may still call in (on this very thread, when it is the one
+    // releasing, stop() does not wait).
+    if (tCallbackObject == this) tCallbackObject = nullptr;
     if (mWorker != nullptr) {
         mWorker->stop();
         mWorker.clear();
     }
+
+    Mutex::Autolock _l(mLock);
+    control->withdrawOnRelease();
+    gHdmiControls.removeItem(this);
+    control.clear();  // ~HdmiControl runs here when the registry held the last reference
+}
+
+const Vistrel* Vistrel::callbackObject() {
+    return tCallbackObject;
 }
 
 HdmiControl* Vistrel::getHdmiControl() {
@@ -193,6 +205,7 @@ void Vistrel::handleEventAsync(_vistrel_event event) {
     // first one may release the library).
     VistrelCallback* callback = mCallback.load();
     VistrelCallback2* callback2 = mCallback2.load();
+    tCallbackObject = this;
     if (callback != nullptr) {
         ALOGD("[HDMIEVNT][%s] deliver event to outside", "handleEventAsync");
         callback->onHdmiEvent(event.event, event.param1, event.param2);
@@ -201,6 +214,7 @@ void Vistrel::handleEventAsync(_vistrel_event event) {
         ALOGD("[HDMIEVNT][%s] deliver event to outside", "handleEventAsync");
         callback2->onHdmiEvent(event.event, event.param1, event.param2, event.param3, event.param4);
     }
+    tCallbackObject = nullptr;
 }
 
 }  // namespace mirova
