@@ -114,54 +114,6 @@ TEST_F(OutputFormatTest, ReadsWriteTheCallerRecordOnlyOnSuccess) {
     }
 }
 
-TEST_F(OutputFormatTest, SetSaveSupportAnd3DPassTheirArguments) {
-    const OutputFormat sent = makeFormat(0x80, 16, 0, 255, 255, 0, 2, 0);
-    const _HDMI_OUTPUT_FORMAT fmt = callerFormat(sent);
-    // Flags travel unchanged; the service's answer comes back unchanged.
-    for (int flags : {0x4004, 0, INT_MIN}) {
-        EXPECT_CALL(*fake, setOutputFormat(sent, flags)).WillOnce(Return(flags ^ 0x5A5A));
-        EXPECT_EQ(hdmi_setOutputFormat(&fmt, flags), flags ^ 0x5A5A);
-    }
-    EXPECT_CALL(*fake, saveOutputFormat(sent));
-    EXPECT_EQ(hdmi_saveOutputFormat(&fmt), 0);
-    // Supported only when the service answers exactly 1; the record travels by value.
-    for (int32_t answer : {1, 0, 2, -1, INT_MIN}) {
-        EXPECT_CALL(*fake, isOutputFormatSupported(sent)).WillOnce(Return(answer));
-        EXPECT_EQ(hdmi_isOutputFormatSupported(fmt), answer == 1 ? 0 : kBadValue) << answer;
-    }
-    // Exact comparison: a float is not rounded to an integer on the way.
-    EXPECT_CALL(*fake, setHDMIFormat3D(-1, -0.75f)).WillOnce(Return(-22));
-    EXPECT_CALL(*fake, setVideoFps(INT_MAX, INT_MIN)).WillOnce(Return(INT_MAX));
-    EXPECT_EQ(hdmi_setHDMIFormat3D(-1, -0.75f), -22);
-    EXPECT_EQ(hdmi_setVideoFps(INT_MAX, INT_MIN), INT_MAX);
-    EXPECT_EQ(problemLines(), 0);
-}
-
-// The value and no-result forms: a failed Return is examined, never read or
-// dropped (either would abort), and mapped once.
-TEST_F(OutputFormatTest, TransportFailuresOfTheValueAndNoResultForms) {
-    const _HDMI_OUTPUT_FORMAT fmt = callerFormat(makeFormat(0x80, 16, 0, 1, 8, 0, 0, 0));
-    EXPECT_CALL(*fake, setOutputFormat(_, _)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, saveOutputFormat(_)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, isOutputFormatSupported(_)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, acquireLock(4)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, releaseLock(4)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, setHDMIFormat3D(_, _)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, setVideoFps(_, _)).WillOnce(FailTransport());
-    EXPECT_EQ(hdmi_setOutputFormat(&fmt, 0x4004), kDeadObject);
-    EXPECT_EQ(hdmi_saveOutputFormat(&fmt), kDeadObject);
-    EXPECT_EQ(hdmi_isOutputFormatSupported(fmt), kDeadObject);
-    EXPECT_EQ(hdmi_acquireLock(4), kDeadObject);
-    hdmi_releaseLock(4);
-    EXPECT_EQ(hdmi_setHDMIFormat3D(1, 0.5f), kDeadObject);
-    EXPECT_EQ(hdmi_setVideoFps(24, 1), kDeadObject);
-    for (const char* method : {"setOutputFormat", "saveOutputFormat", "isOutputFormatSupported",
-                               "acquireLock", "releaseLock", "setHDMIFormat3D", "setVideoFps"}) {
-        EXPECT_EQ(errorLines(method), 1) << method;
-    }
-    EXPECT_EQ(problemLines(), 7);
-}
-
 TEST_F(OutputFormatTest, NullRecordIsFatal) {
     for (const ReadOperation& read : kReads) {
         EXPECT_DEATH(read.call(nullptr),
@@ -335,33 +287,6 @@ TEST_F(DolbyVisionTest, FailedFormatReadSendsZeroBasedFormat) {
     EXPECT_CALL(*fake, setOutputFormat(dvFormat(0, 0, 0), kDvFlags)).Times(2);
     EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
     EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
-}
-
-TEST_F(DolbyVisionTest, HdrQuestionsPassArgumentsAndAnswers) {
-    EXPECT_CALL(*fake, envSupportsDv()).WillOnce(Return(11)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, readHDRAutoProperty()).WillOnce(Return(-12)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, isUnderDoviMode(-3)).WillOnce(Return(INT_MAX)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, checkHDRModeSupported(INT_MIN))
-            .WillOnce(Return(14))
-            .WillOnce(FailTransport());
-    EXPECT_CALL(*fake, setHDREotfMode(7)).WillOnce(Return(Void())).WillOnce(FailTransport());
-    EXPECT_EQ(hdmi_envSupportsDv(), 11);
-    EXPECT_EQ(hdmi_readHDRAutoProperty(), -12);
-    EXPECT_EQ(hdmi_isUnderDoviMode(-3), INT_MAX);
-    EXPECT_EQ(hdmi_checkHDRModeSupported(INT_MIN), 14);
-    hdmi_setHDREotfMode(7);
-    EXPECT_EQ(problemLines(), 0);
-
-    EXPECT_EQ(hdmi_envSupportsDv(), kDeadObject);
-    EXPECT_EQ(hdmi_readHDRAutoProperty(), kDeadObject);
-    EXPECT_EQ(hdmi_isUnderDoviMode(-3), kDeadObject);
-    EXPECT_EQ(hdmi_checkHDRModeSupported(INT_MIN), kDeadObject);
-    hdmi_setHDREotfMode(7);
-    for (const char* method : {"envSupportsDv", "readHDRAutoProperty", "isUnderDoviMode",
-                               "checkHDRModeSupported", "setHDREotfMode"}) {
-        EXPECT_EQ(errorLines(method), 1) << method;
-    }
-    EXPECT_EQ(problemLines(), 5);
 }
 
 // The 4K HDR property against property 9, each time a library object is built.

@@ -173,51 +173,6 @@ TEST_F(SettingsTest, VrrTableOnlyWhenTheSinkRangeReachesThresholds) {
     EXPECT_EQ(memcmp(table->groups, want, sizeof(want)), 0);
 }
 
-TEST_F(SettingsTest, ValuesAndArgumentsPassUnchanged) {
-    EXPECT_CALL(*fake, control5v(-2)).WillOnce(Return(-77)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, readColorModeEnum()).WillOnce(Return(-5)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, readEdidAutoMode()).WillOnce(Return(-6)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, emulateFwCallbackHDRType(-1, 2))
-            .WillOnce(Return(9))
-            .WillOnce(FailTransport());
-    EXPECT_CALL(*fake, getDiffSourceValue()).WillOnce(Return(-7)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, setDiffSourceValue(-4)).WillOnce(Return(-3)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, getVRREnabled()).WillOnce(Return(-8)).WillOnce(FailTransport());
-    const std::pair<int (*)(), int> calls[] = {
-            {[] { return hdmi_control_5v(-2); }, -77},
-            {hdmi_readColorModeEnum, -5},
-            {hdmi_readEdidAutoMode, -6},
-            {[] { return hdmi_emulateFwCallbackHDRType(-1, 2); }, 9},
-            {hdmi_getDiffSourceValue, -7},
-            {[] { return hdmi_setDiffSourceValue(-4); }, -3},
-            {hdmi_getVRREnabled, -8}};
-    for (size_t i = 0; i < std::size(calls); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(calls[i].first(), calls[i].second);
-        EXPECT_EQ(calls[i].first(), kDeadObject);  // a transport failure
-    }
-    int (*const setters[])(int) = {hdmi_setVRREnable, hdmi_setVRRFps, hdmi_setALLM,
-                                   hdmi_saveColorModeEnum, hdmi_saveEdidAutoMode};
-    EXPECT_CALL(*fake, setVRREnable(-7));
-    EXPECT_CALL(*fake, setVRRFps(-7));
-    EXPECT_CALL(*fake, setALLM(-7));
-    EXPECT_CALL(*fake, saveColorModeEnum(-7));
-    EXPECT_CALL(*fake, saveEdidAutoMode(-7));
-    EXPECT_CALL(*fake, setHDMIEnable(-7));
-    EXPECT_CALL(*fake, setDisplayState(-7));
-    EXPECT_CALL(*fake, getHidlInfo(-7, 5));
-    for (auto set : setters) EXPECT_EQ(set(-7), 0);
-    hdmi_setHDMIEnable(-7);
-    hdmi_setDisplayState(-7);
-    hdmi_getHidlInfo(-7, 5);
-    EXPECT_CALL(*fake, setVRREnable(_)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, setVRRFps(_)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, setALLM(_)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, saveColorModeEnum(_)).WillOnce(FailTransport());
-    EXPECT_CALL(*fake, saveEdidAutoMode(_)).WillOnce(FailTransport());
-    for (auto set : setters) EXPECT_EQ(set(1), kDeadObject);
-}
-
 TEST_F(SettingsTest, HdmiIsOnFollowsTheCurrentMode) {
     // Only the mode decides; a failed read, even one carrying a mode, is "off".
     EXPECT_CALL(*fake, getCurrentOutputFormat(_))

@@ -321,30 +321,6 @@ TEST_F(SinkCapabilityTest, ColorSetPassesItsInputsAndLeavesMinusOneOnFailure) {
     EXPECT_EQ(linesAt(ANDROID_LOG_ERROR), 2);
 }
 
-TEST_F(SinkCapabilityTest, YesNoQueriesAnswerOneOrZero) {
-    auto yesNoThenFailure = [](auto& expectation) {
-        expectation.WillOnce(Return(true)).WillOnce(Return(false)).WillOnce(FailTransport());
-    };
-    yesNoThenFailure(EXPECT_CALL(*fake, checkIfHDMIPlugged()));
-    yesNoThenFailure(EXPECT_CALL(*fake, getHDMIEDIDReady()));
-    yesNoThenFailure(EXPECT_CALL(*fake, isTVSupport3D()));
-    for (int (*query)() : {hdmi_checkIfHDMIPlugged, hdmi_getHDMIEDIDReady, hdmi_isTVSupport3D}) {
-        EXPECT_EQ(query(), 1);
-        EXPECT_EQ(query(), 0);
-        EXPECT_EQ(query(), 0);  // after the transport failure
-    }
-    for (const char* method : {"checkIfHDMIPlugged", "getHDMIEDIDReady", "isTVSupport3D"}) {
-        EXPECT_EQ(errorLines(method), 1) << method;
-    }
-    // getSinkCapability has no result: a failure is only logged.
-    EXPECT_CALL(*fake, getSinkCapability()).WillOnce(Invoke([] { return Void(); }));
-    hdmi_getSinkCapability();
-    EXPECT_CALL(*fake, getSinkCapability()).WillOnce(FailTransport());
-    hdmi_getSinkCapability();
-    EXPECT_EQ(errorLines("getSinkCapability"), 1);
-    EXPECT_EQ(linesAt(ANDROID_LOG_ERROR), 4);
-}
-
 // The EDID is copied only when the caller's length is exactly its size.
 TEST_F(SinkCapabilityTest, RawEdidIsCopiedOnlyAtItsExactSize) {
     // clang-format off

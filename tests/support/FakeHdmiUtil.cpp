@@ -41,32 +41,9 @@ FakeHdmiUtil::FakeHdmiUtil() {
         return Void();
     }));
 
-    auto zero = [](auto&&...) { return Return<int32_t>(0); };
-    auto no = [](auto&&...) { return Return<bool>(false); };
-    ON_CALL(*this, readEdidAutoMode()).WillByDefault(Invoke(zero));
-    ON_CALL(*this, checkIfHDMIPlugged()).WillByDefault(Invoke(no));
-    ON_CALL(*this, getHDMIEDIDReady()).WillByDefault(Invoke(no));
-    ON_CALL(*this, isTVSupport3D()).WillByDefault(Invoke(no));
-    ON_CALL(*this, setHDMIFormat3D(_, _)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, setOutputFormat(_, _)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, readColorModeEnum()).WillByDefault(Invoke(zero));
-    ON_CALL(*this, readHDRAutoProperty()).WillByDefault(Invoke(zero));
-    ON_CALL(*this, checkHDRModeSupported(_)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, isUnderDoviMode(_)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, acquireLock(_)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, getDiffSourceValue()).WillByDefault(Invoke(zero));
-    ON_CALL(*this, setDiffSourceValue(_)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, envSupportsDv()).WillByDefault(Invoke(zero));
-    ON_CALL(*this, getVRREnabled()).WillByDefault(Invoke(zero));
-    ON_CALL(*this, getPropVal(_)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, isRuntimeDpHDMISupported()).WillByDefault(Invoke(zero));
-    ON_CALL(*this, getInterfaceType()).WillByDefault(Invoke(zero));
-    ON_CALL(*this, getForceOffVal()).WillByDefault(Invoke(no));
-    ON_CALL(*this, setVideoFps(_, _)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, emulateFwCallbackHDRType(_, _)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, processHDMIDebugCmd(_, _)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, isOutputFormatSupported(_)).WillByDefault(Invoke(zero));
-    ON_CALL(*this, control5v(_)).WillByDefault(Invoke(zero));
+    // Value answers are 0 and yes/no answers "no" unless a test says otherwise.
+    ::testing::DefaultValue<Return<int32_t>>::SetFactory([] { return Return<int32_t>(0); });
+    ::testing::DefaultValue<Return<bool>>::SetFactory([] { return Return<bool>(false); });
 
     ON_CALL(*this, readOutputFormat(_)).WillByDefault(AnswerRecord(0, OutputFormat{}));
     ON_CALL(*this, getCurrentOutputFormat(_)).WillByDefault(AnswerRecord(0, OutputFormat{}));
