@@ -25,6 +25,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -65,6 +66,7 @@ struct VicTiming {
     uint16_t refreshHz;  // nominal frame rate, or field rate when interlaced
     bool interlaced;
     PictureAspect aspect;
+    uint32_t pixelClockKhz;  // at the nominal rate
 };
 
 // A detailed timing descriptor, from the base block or a CTA-861 block.
@@ -221,6 +223,8 @@ class EdidParser {
 
     // The CTA-861 table row of a VIC, or nullptr for a code the table does not hold.
     static const VicTiming* findVic(uint8_t vic);
+    // Calls `visit` with every row of the table, in code order.
+    static void forEachVic(const std::function<void(const VicTiming&)>& visit);
 };
 
 }  // namespace mirova::emulator
