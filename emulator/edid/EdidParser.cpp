@@ -18,6 +18,7 @@
 
 #include "EdidParser.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -110,7 +111,8 @@ class Parser {
     void warn(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     const uint8_t* block(size_t index) const { return mData + index * kBlockSize; }
-    bool checkBlock(size_t index);
+    unsigned blockSum(size_t index) const;
+    bool keepExtension(size_t index);
     int findEeodbCount(const uint8_t* cta) const;
 
     void parseBase();
@@ -119,7 +121,9 @@ class Parser {
     void addDetailedTiming(const uint8_t* d, size_t blockIndex);
     void checkBlockMap(size_t blockCount);
 
-    bool parseCta(size_t index);
+    void parseCta(size_t index);
+    void parseDataBlocks(const uint8_t* b, size_t start, size_t end, size_t blockIndex);
+    void parseDisplayId(size_t index);
     void parseDataBlock(uint8_t tag, Payload p, size_t blockIndex, size_t offset);
     void parseHdmiVsdb(Payload p);
     void parseHdmiForum(Payload p, bool fromScdb);
@@ -157,17 +161,34 @@ void Parser::warn(const char* format, ...) {
     va_end(args);
 }
 
-bool Parser::checkBlock(size_t index) {
+unsigned Parser::blockSum(size_t index) const {
     const uint8_t* b = block(index);
     unsigned sum = 0;
     for (size_t i = 0; i < kBlockSize; ++i) sum += b[i];
-    if ((sum & 0xFF) != 0) {
-        return fail("block %zu: checksum mismatch (sum 0x%02x)", index, sum & 0xFF);
+    return sum & 0xFF;
+}
+
+// Whether extension `index` is worth reading. As the kernel's DRM does: a CTA-861 block with a
+// bad checksum is kept (many TVs ship one), any other block with one is dropped, and so is a
+// copy of the base block or of an earlier extension (a read that wrapped around).
+bool Parser::keepExtension(size_t index) {
+    const uint8_t* b = block(index);
+    if (memcmp(b, kHeader, sizeof(kHeader)) == 0) {
+        warn("block %zu: repeats the base block (the read wrapped around); dropped", index);
+        return false;
     }
-    // A second copy of the base block where an extension should be is what a reader that
-    // ignores the E-DDC segment pointer gets: the data after it is not this sink's.
-    if (index > 0 && memcmp(b, kHeader, sizeof(kHeader)) == 0) {
-        return fail("block %zu: repeats the base block header (the read wrapped around)", index);
+    for (size_t earlier = 1; earlier < index; ++earlier) {
+        if (memcmp(b, block(earlier), kBlockSize) == 0) {
+            warn("block %zu: repeats block %zu; dropped", index, earlier);
+            return false;
+        }
+    }
+    if (unsigned sum = blockSum(index); sum != 0) {
+        if (b[0] != kBlockTagCta) {
+            warn("block %zu: checksum mismatch (sum 0x%02x); dropped", index, sum);
+            return false;
+        }
+        warn("block %zu: checksum mismatch (sum 0x%02x); CTA-861 block kept", index, sum);
     }
     return true;
 }
@@ -201,7 +222,9 @@ bool Parser::run(std::string* error) {
                     "00 ff ff ff ff ff ff 00",
                     mData[0], mData[1], mData[2], mData[3], mData[4], mData[5], mData[6], mData[7]);
         }
-        if (!checkBlock(0)) return false;
+        if (unsigned sum = blockSum(0); sum != 0) {
+            return fail("block 0: checksum mismatch (sum 0x%02x)", sum);
+        }
         if (mData[18] != 1) {
             return fail("unsupported EDID version %u.%u", mData[18], mData[19]);
         }
@@ -210,7 +233,6 @@ bool Parser::run(std::string* error) {
         // and give the real count in the HF-EEODB of the first CTA-861 block.
         size_t extensions = mData[126];
         if (extensions >= 1 && mSize >= 2 * kBlockSize && block(1)[0] == kBlockTagCta) {
-            if (!checkBlock(1)) return false;
             int count = findEeodbCount(block(1));
             if (count > 0) {
                 extensions = static_cast<size_t>(count);
@@ -221,15 +243,13 @@ bool Parser::run(std::string* error) {
         }
         size_t blockCount = extensions + 1;
         if (mSize < blockCount * kBlockSize) {
-            return fail("truncated: %zu bytes, %zu blocks declared%s", mSize, blockCount,
-                        mModel->eeodbPresent ? " by the HF-EEODB" : "");
-        }
-        if (mSize > blockCount * kBlockSize) {
+            // A capture that stopped early: the blocks it holds are used.
+            warn("truncated: %zu bytes, %zu blocks declared%s; using the %zu present", mSize,
+                 blockCount, mModel->eeodbPresent ? " by the HF-EEODB" : "", mSize / kBlockSize);
+            blockCount = mSize / kBlockSize;
+        } else if (mSize > blockCount * kBlockSize) {
             warn("%zu bytes after the last of %zu blocks ignored", mSize - blockCount * kBlockSize,
                  blockCount);
-        }
-        for (size_t i = 1; i < blockCount; ++i) {
-            if (!checkBlock(i)) return false;
         }
 
         mModel->blockTags.push_back(kBlockTagBase);
@@ -237,13 +257,17 @@ bool Parser::run(std::string* error) {
         for (size_t i = 1; i < blockCount; ++i) {
             uint8_t tag = block(i)[0];
             mModel->blockTags.push_back(tag);
+            if (!keepExtension(i)) {
+                mModel->droppedBlocks.push_back(static_cast<uint8_t>(i));
+                continue;
+            }
             switch (tag) {
                 case kBlockTagCta:
-                    if (!parseCta(i)) return false;
+                    parseCta(i);
                     break;
                 case kBlockTagDisplayId:
-                    // Its timings repeat what the CTA-861 blocks say for HDMI purposes.
                     mModel->displayIdBlockCount++;
+                    parseDisplayId(i);
                     break;
                 case kBlockTagBlockMap:
                     break;
@@ -306,10 +330,10 @@ void Parser::parseBase() {
 
 void Parser::parseDescriptor(const uint8_t* d) {
     switch (d[3]) {
-        case 0xFC:  // display product name, ended by a line feed and padded with spaces
+        case 0xFC:  // display product name, ended by a line feed (or a NUL) and padded with spaces
             if (mModel->monitorName.empty()) {
                 std::string name;
-                for (size_t i = 5; i < 18 && d[i] != 0x0A; ++i) {
+                for (size_t i = 5; i < 18 && d[i] != 0x0A && d[i] != 0x00; ++i) {
                     name += (d[i] >= 0x20 && d[i] < 0x7F) ? static_cast<char>(d[i]) : '?';
                 }
                 while (!name.empty() && name.back() == ' ') name.pop_back();
@@ -392,13 +416,19 @@ void Parser::checkBlockMap(size_t blockCount) {
 // ------------------------------------------------------------------------------------------
 // CTA-861 blocks
 
-bool Parser::parseCta(size_t index) {
+void Parser::parseCta(size_t index) {
     const uint8_t* b = block(index);
     uint8_t revision = b[1];
     uint8_t dtdOffset = b[2];
-    if (revision == 0) return fail("block %zu: CTA-861 revision 0 is not valid", index);
+    if (revision == 0) {
+        warn("block %zu: CTA-861 revision 0 is not valid; dropped", index);
+        mModel->droppedBlocks.push_back(static_cast<uint8_t>(index));
+        return;
+    }
     if ((dtdOffset != 0 && dtdOffset < 4) || dtdOffset >= kBlockSize) {
-        return fail("block %zu: DTD offset %u out of range (0 or 4..127)", index, dtdOffset);
+        warn("block %zu: DTD offset %u out of range (0 or 4..127); dropped", index, dtdOffset);
+        mModel->droppedBlocks.push_back(static_cast<uint8_t>(index));
+        return;
     }
     if (revision > 3) warn("block %zu: CTA-861 revision %u read as revision 3", index, revision);
 
@@ -418,21 +448,7 @@ bool Parser::parseCta(size_t index) {
     }
 
     // Data blocks exist from revision 3 on, between byte 4 and the DTD offset.
-    if (revision >= 3 && dtdOffset > 4) {
-        size_t offset = 4;
-        while (offset < dtdOffset) {
-            uint8_t tag = b[offset] >> 5;
-            size_t length = b[offset] & 0x1F;
-            if (offset + 1 + length > dtdOffset) {
-                return fail(
-                        "block %zu: data block at byte %zu (tag %u, length %zu) runs past "
-                        "the DTD offset %u",
-                        index, offset, tag, length, dtdOffset);
-            }
-            parseDataBlock(tag, Payload(b + offset + 1, length), index, offset);
-            offset += 1 + length;
-        }
-    }
+    if (revision >= 3 && dtdOffset > 4) parseDataBlocks(b, 4, dtdOffset, index);
 
     if (dtdOffset != 0) {
         for (size_t offset = dtdOffset; offset + 18 <= kBlockSize - 1; offset += 18) {
@@ -440,7 +456,41 @@ bool Parser::parseCta(size_t index) {
             addDetailedTiming(b + offset, index);
         }
     }
-    return true;
+}
+
+// The CTA-861 data blocks in bytes start..end of a block. One that runs past `end` is cut there,
+// as a source reads it: what fits is used.
+void Parser::parseDataBlocks(const uint8_t* b, size_t start, size_t end, size_t blockIndex) {
+    for (size_t offset = start; offset < end;) {
+        uint8_t tag = b[offset] >> 5;
+        size_t length = b[offset] & 0x1F;
+        if (offset + 1 + length > end) {
+            warn("block %zu: data block at byte %zu (tag %u, length %zu) runs past byte %zu; cut "
+                 "there",
+                 blockIndex, offset, tag, length, end);
+            length = end - offset - 1;
+        }
+        parseDataBlock(tag, Payload(b + offset + 1, length), blockIndex, offset);
+        offset += 1 + length;
+    }
+}
+
+// A DisplayID extension: a section (byte 1 version, byte 2 payload length, bytes 3..4 product
+// type and extension count) of data blocks, each a tag, a revision and a length. Its timings
+// repeat the CTA-861 blocks' for HDMI purposes; the CTA-861 data blocks it may carry (tag 0x81)
+// are read as those of a CTA-861 block.
+void Parser::parseDisplayId(size_t index) {
+    constexpr uint8_t kDisplayIdCtaBlock = 0x81;
+    const uint8_t* b = block(index);
+    // The section's own checksum byte follows its payload; byte 127 is the EDID block's.
+    const size_t end = std::min<size_t>(5 + b[2], kBlockSize - 2);
+    for (size_t offset = 5; offset + 3 <= end;) {
+        const uint8_t tag = b[offset];
+        const size_t length = std::min<size_t>(b[offset + 2], end - offset - 3);
+        if (tag == 0) break;  // padding
+        if (tag == kDisplayIdCtaBlock) parseDataBlocks(b, offset + 3, offset + 3 + length, index);
+        offset += 3 + length;
+    }
 }
 
 void Parser::parseDataBlock(uint8_t tag, Payload p, size_t blockIndex, size_t offset) {

@@ -16,8 +16,9 @@
 
 // Turns the raw EDID of an emulated sink into a plain description of what the sink can do.
 // The emulated HDMI service answers every capability query from this description, so the
-// parser reads the base block, CTA-861 extensions (with the HDMI and HDMI Forum vendor blocks)
-// and counts whatever other extension blocks the EDID carries. It never trusts a length or a
+// parser reads the base block, CTA-861 extensions (with the HDMI and HDMI Forum vendor blocks),
+// the CTA-861 data blocks of DisplayID extensions, and counts whatever other extension blocks the
+// EDID carries. It never trusts a length or a
 // count it has not checked against the bytes it was given.
 
 #pragma once
@@ -163,8 +164,9 @@ struct SinkModel {
     // Structure.
     uint8_t edidVersion = 0;
     uint8_t edidRevision = 0;
-    std::vector<uint8_t> blockTags;  // one per block, block 0 first (kBlockTag*)
-    bool eeodbPresent = false;       // the block count came from an HF-EEODB
+    std::vector<uint8_t> blockTags;      // one per block read, block 0 first (kBlockTag*)
+    std::vector<uint8_t> droppedBlocks;  // indexes of the blocks not used (see warnings)
+    bool eeodbPresent = false;           // the block count came from an HF-EEODB
     int ctaBlockCount = 0;
     int displayIdBlockCount = 0;
 
@@ -215,9 +217,11 @@ struct SinkModel {
 
 class EdidParser {
   public:
-    // Parses raw EDID bytes. On success fills *model and returns true. On failure returns false,
-    // leaves *model default-constructed and puts a message naming the fault into *error, such as
-    // "block 1: checksum mismatch (sum 0x3c)" or "truncated: 200 bytes, 2 blocks declared".
+    // Parses raw EDID bytes as tolerantly as a real source reads them: faults in the extension
+    // blocks cost those blocks or the bytes at fault, with a warning each. Only an unusable base
+    // block fails: false, *model left default-constructed and a message naming the fault in
+    // *error, such as "block 0: checksum mismatch (sum 0x3c)" or "truncated: 100 bytes, the base
+    // block needs 128".
     static bool parse(const uint8_t* data, size_t size, SinkModel* model, std::string* error);
     static bool parse(const std::vector<uint8_t>& edid, SinkModel* model, std::string* error);
 
