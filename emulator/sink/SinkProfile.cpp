@@ -102,7 +102,30 @@ uint8_t SinkProfile::pickAutoVic() const {
         if (f.width == 0 || !carriedAt8(f.vic)) continue;  // unknown code, or too fast
         if (best == nullptr || rank(f) > rank(*best)) best = &f;
     }
-    return best != nullptr ? best->vic : 0;
+    if (best != nullptr) return best->vic;
+    if (!mModel.preferredTiming || carriedAt8(kVicAuto)) return kVicAuto;
+    // A sink without formats (DVI) whose preferred timing is too fast: the
+    // largest, then fastest, of its other timings that has a VIC and fits.
+    const VicTiming* fallback = nullptr;
+    auto consider = [&](uint16_t width, uint16_t height, uint16_t hz, bool interlaced) {
+        EdidParser::forEachVic([&](const VicTiming& v) {
+            if (v.width != width || v.height != height || v.refreshHz != hz ||
+                v.interlaced != interlaced || !carriedAt8(v.vic)) {
+                return;
+            }
+            auto key = [](const VicTiming& t) {
+                return std::make_tuple(t.width * t.height, t.refreshHz, !t.interlaced);
+            };
+            if (fallback == nullptr || key(v) > key(*fallback)) fallback = &v;
+        });
+    };
+    for (const DetailedTiming& t : mModel.detailedTimings) {
+        consider(t.width, t.height, t.refreshHz, t.interlaced);
+    }
+    for (const MonitorTiming& t : mModel.monitorTimings) {
+        consider(t.width, t.height, t.refreshHz, t.interlaced);
+    }
+    return fallback != nullptr ? fallback->vic : kVicAuto;
 }
 
 VideoFormat SinkProfile::formatOf(uint8_t vic) const {
@@ -128,7 +151,7 @@ VideoFormat SinkProfile::formatOf(uint8_t vic) const {
 }
 
 bool SinkProfile::takesVic(uint8_t vic, bool anyKnownVic) const {
-    if (vic == kVicAuto || vic == mModel.preferredVic) return true;
+    if (vic == kVicAuto || vic == mModel.preferredVic || vic == mAutoVic) return true;
     if (anyKnownVic && EdidParser::findVic(vic) != nullptr) return true;
     return std::any_of(mModel.videoFormats.begin(), mModel.videoFormats.end(),
                        [vic](const VideoFormat& f) { return f.vic == vic; });
