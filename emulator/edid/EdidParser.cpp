@@ -382,6 +382,7 @@ void Parser::addDetailedTiming(const uint8_t* d, size_t blockIndex) {
     t.imageWidthMm = static_cast<uint16_t>(d[12] | (d[14] & 0xF0) << 4);
     t.imageHeightMm = static_cast<uint16_t>(d[13] | (d[14] & 0x0F) << 8);
     t.interlaced = (d[17] & 0x80) != 0;
+    t.vBorder = d[16];
     t.hTotal = static_cast<uint16_t>(t.width + hBlank);
     t.vTotal = static_cast<uint16_t>(vActive + vBlank);
     t.height = static_cast<uint16_t>(t.interlaced ? vActive * 2 : vActive);

@@ -82,6 +82,7 @@ struct DetailedTiming {
     bool interlaced = false;
     uint16_t imageWidthMm = 0;
     uint16_t imageHeightMm = 0;
+    uint8_t vBorder = 0;  // lines of border above and below the picture
     uint8_t block = 0;  // index of the EDID block it came from
 };
 
