@@ -83,7 +83,7 @@ struct DetailedTiming {
     uint16_t imageWidthMm = 0;
     uint16_t imageHeightMm = 0;
     uint8_t vBorder = 0;  // lines of border above and below the picture
-    uint8_t block = 0;  // index of the EDID block it came from
+    uint8_t block = 0;    // index of the EDID block it came from
 };
 
 // A timing of the base block's established or standard timing lists.
