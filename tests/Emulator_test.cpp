@@ -199,14 +199,6 @@ std::string timingText(int width, int height, bool interlaced, double khz, doubl
     return text;
 }
 
-const std::vector<std::string> kAudioNames = {
-        "Reserved (0x00)", "Linear PCM",          "AC-3",   "",         "", "", "AAC LC", "DTS", "",
-        "One Bit Audio",   "Enhanced AC-3 (DD+)", "DTS-HD", "MAT (MLP)"};
-// Speaker names in the order of their bits in the allocation bytes.
-const std::vector<std::string> kSpeakers = {"FL/FR",   "LFE1",    "FC",      "BL/BR",     "BC",
-                                            "FLc/FRc", "RLC/RRC", "FLw/FRw", "TpFL/TpFR", "TpC",
-                                            "TpFC",    "LS/RS",   "LFE2",    "TpBC"};
-
 Facts referenceFacts(const std::string& path, const std::set<int>& dropped) {
     static const auto rules = readTable("edid-decode-facts.tsv", 5);
     static const int kHdmiVicToVic[] = {0, 95, 94, 93, 98};
@@ -250,6 +242,8 @@ Facts referenceFacts(const std::string& path, const std::set<int>& dropped) {
                 for (size_t at = 0; (at = rest.find(" lanes", at)) != std::string::npos; ++at)
                     --count;
                 words.push_back(std::to_string(count));
+            } else if (r[4] == "+/" && !words.empty()) {
+                words.back() += "/" + rest;
             } else {
                 words.push_back(r[4]);
             }
@@ -292,15 +286,6 @@ Facts referenceFacts(const std::string& path, const std::set<int>& dropped) {
         } else if (section.find("(HDMI),") != std::string::npos &&
                    sscanf(text.c_str(), "HDMI VIC %d:", &vic) == 1) {
             if (vic >= 1 && vic <= 4) addVic(kHdmiVicToVic[vic], "~hdmi_vic");
-        } else if (section == "Audio Data Block:" && indent == 4) {
-            auto code = std::find(kAudioNames.begin(), kAudioNames.end(),
-                                  text.substr(0, text.find(':')));
-            facts["@sads"].push_back(
-                    code != kAudioNames.end() ? std::to_string(code - kAudioNames.begin()) : "?");
-        } else if (section == "Audio Data Block:" && starts("Max channels: ")) {
-            facts["@sads"].back() += "/" + afterColon(text);
-        } else if (section == "Speaker Allocation Data Block:" && indent == 4) {
-            facts["speakers"].push_back(text.substr(0, text.find(" - ")));
         }
     }
     normalize(&facts);
@@ -372,16 +357,14 @@ Facts emulatorFacts(const SinkModel& m, const _HDMITVCapInfo& cap) {
         f["@vics"].push_back(std::to_string(v.vic));
         set("native", v.native, std::to_string(v.vic));
     }
+    // edid-decode gives a reserved descriptor no channel count.
     for (const ShortAudioDescriptor& sad : m.audioDescriptors) {
-        const size_t code = sad.formatCode();
-        const bool named = code < kAudioNames.size() && !kAudioNames[code].empty();
-        // edid-decode gives a reserved descriptor no channel count.
-        f["@sads"].push_back((named ? std::to_string(code) : "?") +
+        const int code = sad.formatCode();
+        f["@sads"].push_back(std::to_string(code) +
                              (code ? "/" + std::to_string(sad.maxChannels()) : ""));
     }
-    for (size_t bit = 0; bit < kSpeakers.size(); ++bit) {
-        set("speakers", bit / 8 < size_t(cap.sadbLength) && (cap.sadb[bit / 8] >> (bit % 8)) & 1,
-            kSpeakers[bit]);
+    for (int bit = 0; bit < 8 * cap.sadbLength; ++bit) {
+        set("speakers", (cap.sadb[bit / 8] >> (bit % 8)) & 1, std::to_string(bit));
     }
     normalize(&f);
     return f;
