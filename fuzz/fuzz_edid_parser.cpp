@@ -56,6 +56,9 @@ void checkModel(const SinkModel& model, size_t size) {
                    static_cast<size_t>(model.ctaBlockCount + model.displayIdBlockCount) <
                            model.blockTags.size(),
            "extension counts beyond the blocks");
+    for (uint8_t index : model.droppedBlocks) {
+        expect(index > 0 && index < model.blockTags.size(), "a dropped block that is not there");
+    }
     for (const auto& timing : model.detailedTimings) {
         expect(timing.block < model.blockTags.size(), "timing from a block that is not there");
     }

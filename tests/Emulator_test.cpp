@@ -14,10 +14,10 @@
  * limitations under the License.
  */
 
-// The emulated HDMI sink: its EDID parser, and its service seen through the library's flat
-// interface, both checked against the reference decoder `edid-decode` on every captured EDID of
-// tests/data/edid; hand-built EDIDs for the malformed cases; the output state, settings and
-// events of an emulated TV.
+// The emulated sink: its EDID reading checked against the reference decoder `edid-decode` on every
+// captured EDID of tests/data/edid, the link between source and sink on each of them, faults
+// planted into real EDIDs (tests/data/edid-faults.tsv), the automatic format policy
+// (tests/data/auto-policy.tsv), and the output state, settings and events of an emulated TV.
 
 #include <Vistrel.h>
 #include <gtest/gtest.h>
@@ -28,6 +28,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -52,9 +53,6 @@ namespace {
 using ::android::sp;
 using namespace ::mirova::test;
 
-// ------------------------------------------------------------------------------------------
-// What edid-decode says about an EDID file, read from its text output.
-
 std::string runCommand(const std::string& command) {
     std::string out;
     if (FILE* pipe = popen(command.c_str(), "r")) {
@@ -70,6 +68,21 @@ std::vector<uint8_t> readFile(const std::string& path) {
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
+// The rows of a tab-separated data file under tests/data, without its comment lines.
+std::vector<std::vector<std::string>> readTable(const std::string& name, size_t columns = 4) {
+    std::ifstream in(std::string(VISTREL_EDID_DIR) + "/../" + name);
+    std::vector<std::vector<std::string>> rows;
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        rows.emplace_back();
+        std::istringstream fields(line);
+        for (std::string field; std::getline(fields, field, '\t');) rows.back().push_back(field);
+        rows.back().resize(columns);
+    }
+    EXPECT_FALSE(rows.empty()) << name;
+    return rows;
+}
+
 // The .bin files of the EDID corpus, sorted by name.
 std::vector<std::string> edidFiles() {
     std::vector<std::string> names;
@@ -81,223 +94,270 @@ std::vector<std::string> edidFiles() {
     return names;
 }
 
-// A parameterised test's name for an EDID file: the file name without ".bin", '_' for the rest.
 std::string edidTestName(const ::testing::TestParamInfo<std::string>& info) {
     std::string name = info.param.substr(0, info.param.size() - 4);
     for (char& c : name) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
     return name;
 }
 
+// ------------------------------------------------------------------------------------------
+// Timing lines of edid-decode.
+
 struct RefTiming {
-    int width, height;
-    bool interlaced;
-    double hz;
+    int width = 0, height = 0;
+    bool interlaced = false;
+    double hz = 0, mhz = 0;
+    std::string aspect;
 };
 
-// Reads "3840x2160i   60.000000 Hz  16:9 ..."; the aspect ratio text goes to `aspect`.
-bool parseTimingText(const std::string& text, RefTiming* t, std::string* aspect = nullptr) {
+// Reads "3840x2160i   60.000000 Hz  16:9   135.000 kHz   594.000000 MHz".
+bool parseTimingText(const std::string& text, RefTiming* t) {
     int n = 0, m = 0;
     if (sscanf(text.c_str(), " %dx%d%n", &t->width, &t->height, &n) != 2) return false;
     t->interlaced = text[n] == 'i';
     const char* rest = text.c_str() + n + (t->interlaced ? 1 : 0);
     if (sscanf(rest, " %lf Hz %n", &t->hz, &m) != 1 || m == 0) return false;
     char ratio[16] = "";
-    if (aspect != nullptr && sscanf(rest + m, "%15s", ratio) == 1) *aspect = ratio;
+    if (sscanf(rest + m, "%15s %*f kHz %lf MHz", ratio, &t->mhz) >= 1) t->aspect = ratio;
     return true;
 }
 
-// The text after the first colon, leading spaces dropped.
 std::string afterColon(const std::string& text) {
     size_t colon = text.find(':');
     size_t start = text.find_first_not_of(' ', colon + 1);
     return colon == std::string::npos || start == std::string::npos ? "" : text.substr(start);
 }
 
-struct Reference {
-    bool checksumError = false;
-    std::vector<uint8_t> blockTags;
-    std::string manufacturer, name, physicalAddress;
-    int model = -1, hdmiTmds = 0, hfTmds = -1 /* not printed */, frl = 0, vrrMin = 0, vrrMax = 0;
-    int eotf = 0;
-    bool ycbcr444 = false, ycbcr422 = false, deepColorY444 = false, present3d = false;
-    bool hf = false, allm = false, dolby = false, hdr10Plus = false, speakerBlock = false;
-    bool capabilityMapAll = false;
-    uint8_t deepColor = 0, deepColor420 = 0;
-    std::vector<int> vics;  // VDB, HDMI_VIC list and 4:2:0 VDB, without repeats
-    std::set<int> nativeVics, vdbVics, only420Vics, capabilityMapVics;
-    std::vector<std::pair<int, int>> sads;  // format code (-1 not compared), channels (0 unknown)
-    std::array<uint8_t, 3> speakers{};
-    std::optional<int> maxLum, maxFall, minLum;
-    std::vector<RefTiming> dtds, monitorTimings;
-
-    void addVic(int vic) {
-        if (std::find(vics.begin(), vics.end(), vic) == vics.end()) vics.push_back(vic);
-    }
-};
-
-Reference decodeWithReference(const std::string& path) {
-    // clang-format off
-    static const std::vector<std::string> kAudioNames = {
-            "Reserved (0x00)", "Linear PCM", "AC-3", "", "", "", "AAC LC", "DTS", "",
-            "One Bit Audio", "Enhanced AC-3 (DD+)", "DTS-HD", "MAT (MLP)"};
-    // Speaker names in the order of their bits in the allocation bytes.
-    static const std::vector<std::string> kSpeakers = {
-            "FL/FR", "LFE1", "FC", "BL/BR", "BC", "FLc/FRc", "RLC/RRC", "FLw/FRw",
-            "TpFL/TpFR", "TpC", "TpFC", "LS/RS", "LFE2", "TpBC"};
-    static const std::map<std::string, uint8_t> kBlocks = {
-            {"Base EDID", kBlockTagBase}, {"CTA-861 Extension Block", kBlockTagCta},
-            {"Block Map Extension Block", kBlockTagBlockMap},
-            {"DisplayID Extension Block", kBlockTagDisplayId}};
-    // clang-format on
-    // HDMI 1.4's four HDMI_VIC codes and the VICs of the same timings.
-    static const int kHdmiVicToVic[] = {0, 95, 94, 93, 98};
-    const std::string kHdmiVsdb = "Vendor-Specific Data Block (HDMI),";
-    const std::string kHfVsdb = "Vendor-Specific Data Block (HDMI Forum)";
-    const std::string kHfScdb = "HDMI Forum Sink Capability Data Block:";
-    Reference ref;
-    std::istringstream in(runCommand("edid-decode '" + path + "'"));
-    std::string block, section;
-    int ctaBlocks = 0, hdmiBlocks = 0, hfBlocks = 0, hdrBlocks = 0;
-    for (std::string line; std::getline(in, line);) {
-        if (line.find("Checksum: 0x") != std::string::npos &&
-            line.find("(should be") != std::string::npos) {
-            ref.checksumError = true;
-        }
-        const size_t indent = line.find_first_not_of(' ');
-        if (indent == std::string::npos) continue;
-        const std::string text = line.substr(indent);
-        auto starts = [&text](const std::string& prefix) { return text.rfind(prefix, 0) == 0; };
-        auto num = [&text]() {
-            size_t colon = text.find(": ");
-            return colon == std::string::npos ? -1 : atoi(text.c_str() + colon + 2);
-        };
-        int index;
-        size_t comma = text.find(", ");
-        if (indent == 0 && sscanf(text.c_str(), "Block %d,", &index) == 1 &&
-            comma != std::string::npos) {
-            block = text.substr(comma + 2, text.size() - comma - 3);
-            section.clear();
-            ref.blockTags.push_back(kBlocks.count(block) ? kBlocks.at(block) : 0xFF);
-            if (block == "CTA-861 Extension Block") ctaBlocks++;
-        }
-        if (indent == 0) continue;
-        if (indent == 2) {
-            section = text;
-            hdmiBlocks += starts(kHdmiVsdb);
-            if (starts(kHfVsdb) || text == kHfScdb) {
-                hfBlocks++;
-                ref.hf = true;
-            }
-            hdrBlocks += text == "HDR Static Metadata Data Block:";
-            ref.dolby |= starts("Vendor-Specific Video") &&
-                         text.find("(Dolby), OUI 00-D0-46") != std::string::npos;
-            ref.hdr10Plus |= text.find("(HDR10+), OUI 90-84-8B") != std::string::npos;
-            ref.speakerBlock |= text == "Speaker Allocation Data Block:";
-            if (ctaBlocks == 1 && block == "CTA-861 Extension Block") {
-                ref.ycbcr444 |= text == "Supports YCbCr 4:4:4";
-                ref.ycbcr422 |= text == "Supports YCbCr 4:2:2";
-            }
-            continue;
-        }
-        const bool topLevel = indent == 4;
-        RefTiming t{};
-        if (block == "Base EDID") {
-            if (starts("Manufacturer: ")) ref.manufacturer = text.substr(14);
-            if (starts("Model: ")) ref.model = num();
-            if (starts("Display Product Name: '")) ref.name = text.substr(23, text.size() - 24);
-            if (topLevel &&
-                (section == "Established Timings I & II:" || section == "Standard Timings:")) {
-                EXPECT_TRUE(parseTimingText(afterColon(text), &t)) << text;
-                ref.monitorTimings.push_back(t);
+// edid-decode's table of VICs: timing, aspect and pixel clock.
+const std::map<int, RefTiming>& referenceVics() {
+    static const std::map<int, RefTiming> vics = [] {
+        std::map<int, RefTiming> table;
+        std::istringstream in(runCommand("edid-decode --list-vics"));
+        for (std::string line; std::getline(in, line);) {
+            int vic;
+            RefTiming t;
+            if (sscanf(line.c_str(), "VIC %d:", &vic) == 1 &&
+                parseTimingText(afterColon(line), &t)) {
+                table[vic] = t;
             }
         }
-        if ((block == "Base EDID" || block == "CTA-861 Extension Block") && starts("DTD ") &&
-            isdigit(static_cast<unsigned char>(text[4]))) {
-            EXPECT_TRUE(parseTimingText(afterColon(text), &t)) << text;
-            ref.dtds.push_back(t);
-        }
-        int vic = 0;
-        const bool isVic = sscanf(text.c_str(), "VIC %d", &vic) == 1 ||
-                           sscanf(text.c_str(), "Unknown (VIC %d", &vic) == 1;
-        if (section == "Video Data Block:" && isVic) {
-            ref.addVic(vic);
-            ref.vdbVics.insert(vic);
-            if (text.find("(native)") != std::string::npos) ref.nativeVics.insert(vic);
-        } else if (section == "YCbCr 4:2:0 Video Data Block:" && isVic) {
-            ref.addVic(vic);
-            ref.only420Vics.insert(vic);
-        } else if (section == "YCbCr 4:2:0 Capability Map Data Block:") {
-            if (isVic) ref.capabilityMapVics.insert(vic);
-            ref.capabilityMapAll |= text == "All VDB SVDs";
-        } else if (section == "Audio Data Block:") {
-            if (topLevel) {
-                auto code = std::find(kAudioNames.begin(), kAudioNames.end(),
-                                      text.back() == ':' ? text.substr(0, text.size() - 1) : text);
-                ref.sads.push_back(
-                        {code != kAudioNames.end() ? int(code - kAudioNames.begin()) : -1, 0});
-            } else if (starts("Max channels: ") && !ref.sads.empty()) {
-                ref.sads.back().second = num();
-            }
-        } else if (section == "Speaker Allocation Data Block:" && topLevel) {
-            auto speaker =
-                    std::find(kSpeakers.begin(), kSpeakers.end(), text.substr(0, text.find(" - ")));
-            const size_t bit = speaker - kSpeakers.begin();
-            EXPECT_LT(bit, kSpeakers.size()) << "speaker name not mapped: " << text;
-            if (bit < kSpeakers.size()) ref.speakers[bit / 8] |= 1 << (bit % 8);
-        } else if (section.rfind(kHdmiVsdb, 0) == 0 && hdmiBlocks == 1) {
-            if (starts("Source physical address: ")) ref.physicalAddress = text.substr(25);
-            if (starts("Maximum TMDS clock:")) ref.hdmiTmds = num();
-            for (auto [bits, depth] : {std::pair(30, kDepth30), {36, kDepth36}, {48, kDepth48}}) {
-                if (text == "DC_" + std::to_string(bits) + "bit") ref.deepColor |= depth;
-            }
-            ref.deepColorY444 |= text == "DC_Y444";
-            ref.present3d |= text == "3D present";
-            if (sscanf(text.c_str(), "HDMI VIC %d:", &vic) == 1) {
-                EXPECT_TRUE(vic >= 1 && vic <= 4) << text;
-                if (vic >= 1 && vic <= 4) ref.addVic(kHdmiVicToVic[vic]);
-            }
-        } else if (hfBlocks == 1 && (section.rfind(kHfVsdb, 0) == 0 || section == kHfScdb)) {
-            if (starts("Maximum TMDS Character Rate:")) ref.hfTmds = num();
-            if (starts("Max Fixed Rate Link:")) {
-                // Codes 2 to 6, each text also matched by the faster rates' lines after it.
-                const char* rates[] = {"3 and 6 Gbps", "on 4 lanes", "8 Gbps", "10 Gbps",
-                                       "12 Gbps"};
-                ref.frl = 1;
-                for (int i = 0; i < 5; ++i) {
-                    if (text.find(rates[i]) != std::string::npos) ref.frl = 2 + i;
-                }
-            }
-            for (auto [bits, depth] : {std::pair(10, kDepth30), {12, kDepth36}, {16, kDepth48}}) {
-                std::string name = std::to_string(bits) + "-bits/component Deep Color 4:2:0";
-                if (text.find(name) != std::string::npos) ref.deepColor420 |= depth;
-            }
-            ref.allm |= text == "Supports Auto Low-Latency Mode";
-            if (starts("VRRmin:")) ref.vrrMin = num();
-            if (starts("VRRmax:")) ref.vrrMax = num();
-        } else if (section == "HDR Static Metadata Data Block:" && hdrBlocks == 1) {
-            if (text == "Traditional gamma - SDR luminance range") ref.eotf |= kEotfSdr;
-            if (text == "Traditional gamma - HDR luminance range") ref.eotf |= kEotfHdrGamma;
-            if (text == "SMPTE ST2084") ref.eotf |= kEotfPq;
-            if (text == "Hybrid Log-Gamma") ref.eotf |= kEotfHlg;
-            if (starts("Desired content max luminance:")) ref.maxLum = num();
-            if (starts("Desired content max frame-average")) ref.maxFall = num();
-            if (starts("Desired content min luminance:")) ref.minLum = num();
-        }
-    }
-    return ref;
+        return table;
+    }();
+    return vics;
 }
 
-// "A.B.C.D" of a physical address's two bytes.
 std::string physicalAddressText(const std::array<uint8_t, 2>& pa) {
     char text[16];
     snprintf(text, sizeof(text), "%d.%d.%d.%d", pa[0] >> 4, pa[0] & 15, pa[1] >> 4, pa[1] & 15);
     return text;
 }
 
+// ------------------------------------------------------------------------------------------
+// What edid-decode says about an EDID file, as named facts: each a list of words, in order for
+// the lists whose names start with '@', as a sorted set for the others.
+
+using Facts = std::map<std::string, std::vector<std::string>>;
+
+void normalize(Facts* facts) {
+    for (auto& [name, words] : *facts) {
+        if (name[0] == '@') continue;
+        std::sort(words.begin(), words.end());
+        words.erase(std::unique(words.begin(), words.end()), words.end());
+    }
+}
+
+bool has(const Facts& facts, const std::string& name, const std::string& word = "yes") {
+    auto it = facts.find(name);
+    return it != facts.end() && std::count(it->second.begin(), it->second.end(), word) > 0;
+}
+
+int number(const Facts& facts, const std::string& name) {
+    auto it = facts.find(name);
+    return it == facts.end() || it->second.empty() ? 0 : atoi(it->second[0].c_str());
+}
+
+// "3840x2160p 594000 kHz 60.00 Hz" of a timing line, as edid-decode prints its numbers.
+std::string timingText(int width, int height, bool interlaced, double khz, double hz) {
+    char text[96];
+    snprintf(text, sizeof(text), "%dx%d%c %.0f kHz %.2f Hz", width, height, interlaced ? 'i' : 'p',
+             khz, hz);
+    return text;
+}
+
+Facts referenceFacts(const std::string& path, const std::set<int>& dropped) {
+    static const auto rules = readTable("edid-decode-facts.tsv", 5);
+    static const int kHdmiVicToVic[] = {0, 95, 94, 93, 98};
+    Facts facts;
+    std::istringstream in(runCommand("edid-decode '" + path + "'"));
+    std::string block, section;
+    int index = -1, ctaBlocks = 0;
+    for (std::string line; std::getline(in, line);) {
+        const size_t indent = line.find_first_not_of(' ');
+        if (indent == std::string::npos) continue;
+        const std::string text = line.substr(indent);
+        auto starts = [&text](const std::string& prefix) { return text.rfind(prefix, 0) == 0; };
+        if (indent == 0 && sscanf(text.c_str(), "Block %d,", &index) == 1) {
+            block = text.substr(text.find(", ") + 2);
+            block.pop_back();
+            facts["@blocks"].push_back(block);
+            section.clear();
+            // Only the first CTA-861 block's header flags count.
+            if (block == "CTA-861 Extension Block" && ctaBlocks++ > 0) block += " (more)";
+            if (dropped.count(index)) block = "dropped";
+        }
+        if (indent == 0 || block == "dropped") continue;
+        if (indent == 2) section = text;
+        for (const auto& r : rules) {
+            const bool sectionMatches =
+                    r[1] == "*" ||
+                    (r[1] == "-" ? indent == 2
+                                 : indent > 2 && section.find(r[1]) != std::string::npos);
+            if ((r[0] != "*" && r[0] != block) || !sectionMatches || !starts(r[2])) continue;
+            std::vector<std::string>& words = facts[r[3]];
+            const std::string rest = text.substr(r[2].size());
+            if (r[4] == "=" || r[4] == "#") {
+                if (words.empty())
+                    words.push_back(r[4] == "=" ? rest : std::to_string(atoi(rest.c_str())));
+            } else if (r[4] == "N") {
+                int count = 0;
+                for (size_t i = 0; i < rest.size(); ++i) {
+                    count += isdigit(rest[i]) && (i == 0 || !isdigit(rest[i - 1]));
+                }
+                // Every rate is a number, and so is the lane count before each "lanes".
+                for (size_t at = 0; (at = rest.find(" lanes", at)) != std::string::npos; ++at)
+                    --count;
+                words.push_back(std::to_string(count));
+            } else if (r[4] == "+/" && !words.empty()) {
+                words.back() += "/" + rest;
+            } else {
+                words.push_back(r[4]);
+            }
+        }
+        RefTiming t;
+        int vic = 0;
+        const bool isVic = (sscanf(text.c_str(), "VIC %d", &vic) == 1 ||
+                            sscanf(text.c_str(), "Unknown (VIC %d", &vic) == 1) &&
+                           vic != 0 && vic != 128 && vic < 254;  // not a reserved code
+        auto addVic = [&facts](int code, const char* set) {
+            std::vector<std::string>& vics = facts["@vics"];
+            if (!std::count(vics.begin(), vics.end(), std::to_string(code)))
+                vics.push_back(std::to_string(code));
+            facts[set].push_back(std::to_string(code));
+        };
+        if (block.rfind("CTA-861", 0) == 0 || block == "Base EDID") {
+            if (starts("DTD ") && isdigit(static_cast<unsigned char>(text[4])) &&
+                parseTimingText(afterColon(text), &t)) {
+                facts["@dtds"].push_back(
+                        timingText(t.width, t.height, t.interlaced, t.mhz * 1000, t.hz));
+            }
+            // edid-decode leaves an interlaced frame's vertical borders out of its rate.
+            if (starts("Vfront") && text.find("Vborder") != std::string::npos) {
+                std::string& dtd = facts["@dtds"].back();
+                dtd = dtd.substr(0, dtd.find(" kHz") + 4) + " (border)";
+            }
+        }
+        if (indent == 4 &&
+            (section == "Established Timings I & II:" || section == "Standard Timings:") &&
+            parseTimingText(afterColon(text), &t)) {
+            facts["@timings"].push_back(timingText(t.width, t.height, t.interlaced, 0, 0));
+        } else if (section == "Video Data Block:" && isVic) {
+            addVic(vic, "~vdb");
+            if (text.find("(native)") != std::string::npos)
+                facts["native"].push_back(std::to_string(vic));
+        } else if (section == "YCbCr 4:2:0 Video Data Block:" && isVic) {
+            addVic(vic, "~only420");
+        } else if (section == "YCbCr 4:2:0 Capability Map Data Block:" && isVic) {
+            facts["~capability_map"].push_back(std::to_string(vic));
+        } else if (section.find("(HDMI),") != std::string::npos &&
+                   sscanf(text.c_str(), "HDMI VIC %d:", &vic) == 1) {
+            if (vic >= 1 && vic <= 4) addVic(kHdmiVicToVic[vic], "~hdmi_vic");
+        }
+    }
+    normalize(&facts);
+    return facts;
+}
+
+// The same facts as the emulator reports them: its parser's model where the service does not
+// carry them, the service's answers through the library where it does.
+Facts emulatorFacts(const SinkModel& m, const _HDMITVCapInfo& cap) {
+    static const std::map<uint8_t, std::string> kBlocks = {
+            {kBlockTagBase, "Base EDID"},
+            {kBlockTagCta, "CTA-861 Extension Block"},
+            {kBlockTagBlockMap, "Block Map Extension Block"},
+            {kBlockTagDisplayId, "DisplayID Extension Block"}};
+    Facts f;
+    auto set = [&f](const std::string& name, bool yes, const std::string& value = "yes") {
+        if (yes) f[name].push_back(value);
+    };
+    for (size_t i = 0; i < m.blockTags.size(); ++i) {
+        const uint8_t tag = m.blockTags[i];
+        char unknown[48];
+        snprintf(unknown, sizeof(unknown), "Unknown EDID Extension Block 0x%02x", tag);
+        const bool known = kBlocks.count(tag) && (i == 0) == (tag == kBlockTagBase);
+        f["@blocks"].push_back(known ? kBlocks.at(tag) : unknown);
+    }
+    const int32_t id = cap.capWord46;
+    set("manufacturer", true, {char(id >> 16), char((id >> 8) & 0xff), char(id & 0xff)});
+    set("model", true, std::to_string(cap.capWord47));
+    set("name", !m.monitorName.empty(), "'" + m.monitorName + "'");
+    set("address", (cap.capWord7 & kCapHdmi) != 0, physicalAddressText({cap.cec[0], cap.cec[1]}));
+    set("hdmi_tmds", m.hdmi.maxTmdsMhz != 0, std::to_string(m.hdmi.maxTmdsMhz));
+    for (auto [bit, name] : {std::pair(kDepth30, "10"), {kDepth36, "12"}, {kDepth48, "16"}}) {
+        set("deep_color", (cap.capWord5 & bit) != 0, name);
+        set("deep_color_420", ((cap.capWord5 >> 4) & bit) != 0, name);
+    }
+    set("deep_color_444", m.hdmi.deepColorY444);
+    set("3d", hdmi_isTVSupport3D() == 1);
+    set("hdmi_forum", (cap.capWord7 & kCapHdmiForum) != 0);
+    set("hf_tmds", m.hdmiForum.maxTmdsMhz != 0, std::to_string(m.hdmiForum.maxTmdsMhz));
+    set("frl", cap.capWord2 != 0, std::to_string(cap.capWord2));
+    set("allm", (cap.capWord7 & kCapAllm) != 0);
+    set("vrr_min", cap.vrrMin != 0, std::to_string(cap.vrrMin));
+    set("vrr_max", cap.vrrMax != 0, std::to_string(cap.vrrMax));
+    for (auto [bit, name] :
+         {std::pair(kEotfSdr, "SDR"), {kEotfHdrGamma, "HDR"}, {kEotfPq, "PQ"}, {kEotfHlg, "HLG"}}) {
+        set("eotf", (cap.hdrCaps & bit) != 0, name);
+    }
+    set("max_luminance", cap.capWord27 >= 0, std::to_string(cap.capWord27));
+    set("max_frame_average", cap.capWord28 >= 0, std::to_string(cap.capWord28));
+    set("min_luminance", cap.capWord29 >= 0, std::to_string(cap.capWord29));
+    set("dolby_vision", (cap.capWord6 & kCapDolbyVision) != 0 && hdmi_envSupportsDv() == 1);
+    int hdr[8], len = 0;
+    EXPECT_EQ(hdmi_getHDRSupportList(hdr, 8, &len), 0);
+    for (int i = 0; i < len; ++i) f["hdr_list"].push_back(std::to_string(hdr[i]));
+    set("hdr10plus", (cap.capWord6 & kCapHdr10Plus) != 0);
+    set("ycbcr444", m.ycbcr444);
+    set("ycbcr422", m.ycbcr422);
+    for (const DetailedTiming& t : m.detailedTimings) {
+        const double lines = t.interlaced ? t.vTotal + 0.5 : t.vTotal;
+        std::string text = timingText(t.width, t.height, t.interlaced, t.pixelClockKhz,
+                                      t.pixelClockKhz * 1000.0 / (t.hTotal * lines));
+        if (t.vBorder != 0) text = text.substr(0, text.find(" kHz") + 4) + " (border)";
+        f["@dtds"].push_back(text);
+    }
+    for (const MonitorTiming& t : m.monitorTimings) {
+        f["@timings"].push_back(timingText(t.width, t.height, t.interlaced, 0, 0));
+    }
+    for (const VideoFormat& v : m.videoFormats) {
+        f["@vics"].push_back(std::to_string(v.vic));
+        set("native", v.native, std::to_string(v.vic));
+    }
+    // edid-decode gives a reserved descriptor no channel count.
+    for (const ShortAudioDescriptor& sad : m.audioDescriptors) {
+        const int code = sad.formatCode();
+        f["@sads"].push_back(std::to_string(code) +
+                             (code ? "/" + std::to_string(sad.maxChannels()) : ""));
+    }
+    for (int bit = 0; bit < 8 * cap.sadbLength; ++bit) {
+        set("speakers", (cap.sadb[bit / 8] >> (bit % 8)) & 1, std::to_string(bit));
+    }
+    normalize(&f);
+    return f;
+}
+
 const std::string kEdidDir = VISTREL_EDID_DIR;
 const std::string kUhdTv = kEdidDir + "/tv-lg-oled-c9-2019.bin";          // DV, HDR10, HLG, VRR
 const std::string kFullHdTv = kEdidDir + "/tv-panasonic-2012-1080p.bin";  // SDR, no VRR
-const std::string kDviMonitor = kEdidDir + "/dvi-dell-3007wfp.bin";
 
 _HDMI_OUTPUT_FORMAT format(uint8_t vic, uint8_t hdr = kHdrModeSdr, uint8_t color = kColorAuto,
                            uint8_t depth = kDepthAuto) {
@@ -355,192 +415,126 @@ class EmulatorTest : public ::testing::Test {
 };
 
 // Every captured EDID: the parser's model, and the sink the library sees through the emulated
-// service, against edid-decode's reading of it.
+// service, against edid-decode's reading of it; the format list against the link's limits.
 class EdidCorpusTest : public EmulatorTest, public ::testing::WithParamInterface<std::string> {};
 
 TEST_P(EdidCorpusTest, ParserAndServiceMatchReferenceDecoder) {
     const std::string path = kEdidDir + "/" + GetParam();
     ASSERT_FALSE(runCommand("command -v edid-decode").empty()) << "edid-decode not installed";
-    const Reference ref = decodeWithReference(path);
-    ASSERT_FALSE(ref.blockTags.empty()) << "edid-decode printed no blocks for " << path;
     const std::vector<uint8_t> bytes = readFile(path);
     SinkModel model;
     std::string error;
-    const bool ok = EdidParser::parse(bytes, &model, &error);
-    if (GetParam().rfind("bad-", 0) == 0 || ref.checksumError) {
-        ASSERT_FALSE(ok) << "malformed EDID accepted";
-        EXPECT_TRUE(!ref.checksumError || error.find("checksum mismatch") != std::string::npos)
-                << error;
-        // The message says which block is at fault, and nothing of the EDID is kept.
-        int block = -1, end = 0;
-        EXPECT_TRUE(sscanf(error.c_str(), "block %d: %n", &block, &end) == 1 && end > 0) << error;
-        EXPECT_TRUE(model.blockTags.empty() && model.videoFormats.empty());
-        EXPECT_EQ(HdmiUtilEmulator::fromFile(path, &error), nullptr);
-        EXPECT_EQ(error.rfind("malformed EDID: block ", 0), 0u) << error;
-        return;
-    }
-    ASSERT_TRUE(ok) << error;
-    EXPECT_EQ(model.blockTags, ref.blockTags);
-    EXPECT_EQ(std::tie(model.manufacturerId, model.monitorName),
-              std::tie(ref.manufacturer, ref.name));
-    EXPECT_EQ(model.productCode, ref.model);
-
-    // Detailed timings of the base and CTA-861 blocks, the first being the preferred one; the
-    // established and standard timings, whose rates the base block codes as nominal.
-    ASSERT_EQ(model.detailedTimings.size(), ref.dtds.size());
-    for (size_t i = 0; i < ref.dtds.size(); ++i) {
-        const DetailedTiming& t = model.detailedTimings[i];
-        const RefTiming& r = ref.dtds[i];
-        EXPECT_EQ(std::tuple(int(t.width), int(t.height), t.interlaced),
-                  std::tuple(r.width, r.height, r.interlaced))
-                << "DTD " << i + 1;
-        EXPECT_NEAR(t.refreshMilliHz / 1000.0, r.hz, 0.002) << "DTD " << i + 1;
-    }
-    ASSERT_EQ(model.preferredTiming.has_value(), !ref.dtds.empty());
-    if (const VicTiming* v = EdidParser::findVic(model.preferredVic)) {
-        EXPECT_EQ(std::tie(v->height, v->interlaced),
-                  std::tie(model.preferredTiming->height, model.preferredTiming->interlaced));
-        EXPECT_NEAR(model.preferredTiming->refreshMilliHz / 1000.0, v->refreshHz, 0.1);
-    }
-    ASSERT_EQ(model.monitorTimings.size(), ref.monitorTimings.size());
-    for (size_t i = 0; i < ref.monitorTimings.size(); ++i) {
-        const MonitorTiming& t = model.monitorTimings[i];
-        const RefTiming& r = ref.monitorTimings[i];
-        EXPECT_EQ(std::tuple(int(t.width), int(t.height), t.interlaced),
-                  std::tuple(r.width, r.height, r.interlaced))
-                << "timing " << i;
-        EXPECT_NEAR(t.refreshHz, r.hz, 1.0) << "timing " << i;
-    }
-
-    // The colour encodings of each declared VIC (the list itself is checked through the service).
-    for (const VideoFormat& f : model.videoFormats) {
-        SCOPED_TRACE("VIC " + std::to_string(f.vic));
-        const bool regular = f.viaHdmiVic || ref.vdbVics.count(f.vic) == 1;
-        const bool has420 = ref.only420Vics.count(f.vic) == 1 ||
-                            (ref.vdbVics.count(f.vic) == 1 &&
-                             (ref.capabilityMapAll || ref.capabilityMapVics.count(f.vic) == 1));
-        const int encodings = (regular ? kEncodingRgb : 0) |
-                              (regular && ref.ycbcr444 ? kEncodingYCbCr444 : 0) |
-                              (regular && ref.ycbcr422 ? kEncodingYCbCr422 : 0) |
-                              (has420 ? kEncodingYCbCr420 : 0);
-        EXPECT_EQ(f.encodings, encodings);
-        EXPECT_EQ(f.depthRgb, regular ? ref.deepColor : 0);
-        EXPECT_EQ(f.depthYCbCr444,
-                  regular && ref.ycbcr444 && ref.deepColorY444 ? ref.deepColor : 0);
-        EXPECT_EQ(f.depthYCbCr420, has420 ? ref.deepColor420 : 0);
-        const VicTiming* t = EdidParser::findVic(f.vic);
-        EXPECT_EQ(f.width, t != nullptr ? t->width : 0);
-    }
-
-    const HdrStaticMetadata& luminance = model.hdrStaticMetadata;
-    EXPECT_EQ(luminance.maxLuminance.has_value(), ref.maxLum.has_value());
-    EXPECT_EQ(std::tuple(luminance.maxLuminance.value_or(0),
-                         luminance.maxFrameAverageLuminance.value_or(0),
-                         luminance.minLuminance.value_or(0)),
-              std::tuple(ref.maxLum.value_or(0), ref.maxFall.value_or(0), ref.minLum.value_or(0)));
-
-    // Audio formats and channels where edid-decode names them, more than a caller's record holds.
-    std::vector<std::pair<int, int>> audio;
-    for (size_t i = 0; i < model.audioDescriptors.size() && i < ref.sads.size(); ++i) {
-        const ShortAudioDescriptor& sad = model.audioDescriptors[i];
-        audio.emplace_back(ref.sads[i].first >= 0 ? sad.formatCode() : -1,
-                           ref.sads[i].second > 0 ? sad.maxChannels() : 0);
-    }
-    EXPECT_EQ(model.audioDescriptors.size(), ref.sads.size());
-    EXPECT_EQ(audio, ref.sads);
-    EXPECT_EQ(model.hdmi.maxTmdsMhz, ref.hdmiTmds);
-    const HdmiForumCaps& hf = model.hdmiForum;
-    // edid-decode leaves out the HF-SCDB's TMDS rate line for some sinks.
-    EXPECT_EQ(ref.hfTmds >= 0 ? hf.maxTmdsMhz : -1, ref.hfTmds);
-    EXPECT_EQ(std::tuple(hf.present, int(hf.maxFrlRate), hf.deepColor420, hf.allm),
-              std::tuple(ref.hf, ref.frl, ref.deepColor420, ref.allm));
+    // Every captured EDID has a usable base block, so every one is read. The blocks a source
+    // drops (the tolerance test has a case for each rule) are left out of the reference too.
+    ASSERT_TRUE(EdidParser::parse(bytes, &model, &error)) << error;
+    Facts ref = referenceFacts(path, {model.droppedBlocks.begin(), model.droppedBlocks.end()});
+    ASSERT_FALSE(ref["@blocks"].empty()) << "edid-decode printed no blocks for " << path;
 
     // The same sink through the emulated service and the library.
     ASSERT_NO_FATAL_FAILURE(start(path));
-    EXPECT_EQ(std::tuple(hdmi_checkIfHDMIPlugged(), hdmi_getHDMIEDIDReady(), hdmi_isTVSupport3D(),
-                         hdmi_envSupportsDv()),
-              std::tuple(1, 1, int(ref.present3d), int(ref.dolby)));
-
     _HDMITVCapInfo cap;
     ASSERT_EQ(hdmi_getTVCapInfo(&cap), 0);
-    EXPECT_EQ(cap.hdrCaps, ref.eotf);
-    EXPECT_EQ(cap.capWord3, static_cast<int32_t>(bytes.size()));
-    EXPECT_EQ(
-            std::tuple((cap.capWord6 & kCapDolbyVision) != 0, (cap.capWord6 & kCapHdr10Plus) != 0),
-            std::tuple(ref.dolby, ref.hdr10Plus));
-    // The caller's record holds 10 descriptors; the service's count says how many there are.
-    const size_t sads = std::min<size_t>(ref.sads.size(), 10);
-    EXPECT_EQ(std::tuple(size_t(cap.adbLength), size_t(cap.capWord30)),
-              std::tuple(3 * sads, ref.sads.size()));
-    std::vector<std::pair<int, int>> got;  // format code and channels where edid-decode names them
+    Facts got = emulatorFacts(model, cap);
+    // Names starting with '~' are edid-decode's details that only the checks below use.
+    for (const auto& [name, words] : ref) EXPECT_TRUE(name[0] == '~' || got[name] == words) << name;
+    for (const auto& [name, words] : got) EXPECT_EQ(ref[name], words) << name;
+    EXPECT_EQ(hdmi_getVRRGroupInfo() != nullptr,
+              number(ref, "vrr_min") >= 1 && number(ref, "vrr_max") >= 100);
+    // The caller's record holds 10 audio descriptors; the service's count says how many there are.
+    const size_t sads = std::min<size_t>(model.audioDescriptors.size(), 10);
+    EXPECT_EQ(std::tuple(size_t(cap.adbLength), size_t(cap.capWord30), cap.capWord3),
+              std::tuple(3 * sads, ref["@sads"].size(), int(bytes.size())));
     for (size_t i = 0; i < sads; ++i) {
-        got.emplace_back(ref.sads[i].first >= 0 ? cap.adb[i].field3 : -1,
-                         ref.sads[i].second > 0 ? cap.adb[i].field4 : 0);
-        EXPECT_EQ((cap.adb[i].field0 >> 3) & 0x0F, cap.adb[i].field3) << i;
+        EXPECT_EQ(memcmp(&cap.adb[i].field0, model.audioDescriptors[i].bytes.data(), 3), 0) << i;
     }
-    EXPECT_EQ(got, decltype(got)(ref.sads.begin(), ref.sads.begin() + sads));
-    EXPECT_EQ(std::vector<uint8_t>(cap.sadb, cap.sadb + cap.sadbLength),
-              ref.speakerBlock ? std::vector<uint8_t>(ref.speakers.begin(), ref.speakers.end())
-                               : std::vector<uint8_t>());
-    EXPECT_EQ(physicalAddressText({cap.cec[0], cap.cec[1]}),
-              ref.physicalAddress.empty() ? "15.15.15.15" : ref.physicalAddress);
-    EXPECT_EQ((cap.capWord7 & kCapHdmi) != 0, !ref.physicalAddress.empty());
-    EXPECT_EQ(std::tuple(cap.vrrMin, cap.vrrMax), std::tuple(ref.vrrMin, ref.vrrMax));
-    EXPECT_EQ(hdmi_getVRRGroupInfo() != nullptr, ref.vrrMin >= 1 && ref.vrrMax >= 100);
-
-    // Declared VICs with their encodings and deep colour depths.
-    ASSERT_EQ(hdmi_getEDIDSupportList(0), 0);
-    android::Vector<_HDMI_FORMAT_SUPPORT> list, filtered;
-    hdmi_queryEDIDSupportList(&list);
-    std::vector<int> codes;
-    size_t deep = 0;
-    for (const auto& f : list) {
-        SCOPED_TRACE("VIC " + std::to_string(f.code));
-        codes.push_back(f.code);
-        const bool only420 = ref.only420Vics.count(f.code) == 1 && ref.vdbVics.count(f.code) == 0;
-        EXPECT_EQ(std::tuple((f.flags1 & kFlag8Bit) != 0, (f.flags1 & kFlag10Bit) != 0,
-                             (f.flags1 & kFlag12Bit) != 0),
-                  std::tuple(!only420, !only420 && (ref.deepColor & kDepth30),
-                             !only420 && (ref.deepColor & kDepth36)));
-        EXPECT_EQ(std::tuple((f.flags5 & kFormatNative) != 0, (f.flags5 & kFormatOnly420) != 0),
-                  std::tuple(ref.nativeVics.count(f.code) == 1, only420));
-        if (((f.flags1 | f.flags2 | f.flags3 | f.flags4) & 0x0C) != 0) ++deep;
-    }
-    EXPECT_EQ(codes, ref.vics);
-    // The library's HDR filter keeps the deep colour formats of an HDR sink.
-    ASSERT_EQ(hdmi_getEDIDSupportList(1), 0);
-    hdmi_queryEDIDSupportList(&filtered);
-    EXPECT_EQ(filtered.size(), (ref.eotf & 0x0E) != 0 ? deep : list.size());
-
-    int hdr[8];
-    int len = -1;
-    ASSERT_EQ(hdmi_getHDRSupportList(hdr, 8, &len), 0);
-    std::vector<int> expectedHdr;
-    if (ref.eotf & kEotfPq) expectedHdr.push_back(kHdrListHdr10);
-    if (ref.eotf & kEotfHlg) expectedHdr.push_back(kHdrListHlg);
-    if (ref.dolby) expectedHdr.push_back(kHdrListDolbyVision);
-    if (ref.hdr10Plus) expectedHdr.push_back(kHdrListHdr10Plus);
-    EXPECT_EQ(std::vector<int>(hdr, hdr + len), expectedHdr);
     std::vector<uint8_t> raw(bytes.size());
     ASSERT_EQ(hdmi_getEDIDRawData(raw.data(), cap.capWord3), 0);
     EXPECT_EQ(raw, bytes);
 
-    // The output comes up in the automatic format: the preferred timing's VIC, or a declared one.
+    // The format list: each declared VIC with the encodings and depths the sink declares and a
+    // 600 MHz TMDS source can send within the sink's TMDS limit; a VIC with none is left out.
+    const bool hdmi = !ref["address"].empty();
+    const int hfMhz = number(ref, "hf_tmds"), hdmiMhz = number(ref, "hdmi_tmds");
+    const int sinkMhz = hfMhz > 340 ? hfMhz : hdmi && hdmiMhz > 0 ? std::min(hdmiMhz, 340) : 165;
+    const double limitKhz = std::min(sinkMhz, 600) * 1000.0;
+    auto depths = [&ref](const std::string& name) {
+        return uint8_t((has(ref, name, "10") ? kDepth30 : 0) |
+                       (has(ref, name, "12") ? kDepth36 : 0) |
+                       (has(ref, name, "16") ? kDepth48 : 0));
+    };
+    ASSERT_EQ(hdmi_getEDIDSupportList(0), 0);
+    android::Vector<_HDMI_FORMAT_SUPPORT> list, filtered;
+    hdmi_queryEDIDSupportList(&list);
+    std::vector<std::string> codes, expectedCodes;
+    size_t deep = 0;
+    for (const auto& f : list) codes.push_back(std::to_string(f.code));
+    for (const std::string& vic : ref["@vics"]) {
+        SCOPED_TRACE("VIC " + vic);
+        const bool regular =
+                !has(ref, "~only420", vic) || has(ref, "~vdb", vic) || has(ref, "~hdmi_vic", vic);
+        const bool has420 = has(ref, "~only420", vic) ||
+                            (has(ref, "~vdb", vic) &&
+                             (has(ref, "~capability_map_all") || has(ref, "~capability_map", vic)));
+        // Per encoding: declared, deep colour bits, the TMDS clock's share of the pixel clock.
+        const std::tuple<bool, uint8_t, double> encodings[] = {
+                {regular, depths("deep_color"), 1.0},
+                {regular && has(ref, "ycbcr444"),
+                 has(ref, "deep_color_444") ? depths("deep_color") : 0, 1.0},
+                {regular && has(ref, "ycbcr422"), hdmi ? kDepth30 | kDepth36 : 0, 0.0},
+                {has420, depths("deep_color_420"), 0.5}};
+        const int code = atoi(vic.c_str());
+        const double khz = referenceVics().count(code) ? referenceVics().at(code).mhz * 1000 : 0;
+        uint8_t expected[4] = {};
+        for (size_t e = 0; e < 4; ++e) {
+            const auto [allowed, declared, share] = encodings[e];
+            for (auto [bits, depth, flag] : {std::tuple(8, 0, kFlag8Bit),
+                                             {10, kDepth30, kFlag10Bit},
+                                             {12, kDepth36, kFlag12Bit},
+                                             {16, kDepth48, kFlag16Bit}}) {
+                const double tmds = share == 0.0 ? khz : khz * share * bits / 8;
+                if (allowed && (depth == 0 || (declared & depth)) && khz > 0 &&
+                    std::lround(tmds) <= limitKhz) {
+                    expected[e] |= flag;
+                }
+            }
+        }
+        if ((expected[0] | expected[1] | expected[2] | expected[3]) == 0) continue;
+        expectedCodes.push_back(vic);
+        const auto it = std::find(codes.begin(), codes.end(), vic);
+        if (it == codes.end()) continue;
+        const _HDMI_FORMAT_SUPPORT& f = list[it - codes.begin()];
+        EXPECT_EQ(std::vector<int>({f.flags1, f.flags2, f.flags3, f.flags4}),
+                  std::vector<int>(expected, expected + 4));
+        EXPECT_EQ(std::tuple((f.flags5 & kFormatNative) != 0, (f.flags5 & kFormatOnly420) != 0),
+                  std::tuple(has(ref, "native", vic), !regular));
+        if (((f.flags1 | f.flags2 | f.flags3 | f.flags4) & 0x0C) != 0) ++deep;
+    }
+    EXPECT_EQ(codes, expectedCodes);
+    // The library's HDR filter keeps the deep colour formats of an HDR sink.
+    ASSERT_EQ(hdmi_getEDIDSupportList(1), 0);
+    hdmi_queryEDIDSupportList(&filtered);
+    const bool hdrSink =
+            has(ref, "eotf", "HDR") || has(ref, "eotf", "PQ") || has(ref, "eotf", "HLG");
+    EXPECT_EQ(filtered.size(), hdrSink ? deep : list.size());
+
+    // The output comes up in the automatic format, one the link carries: listed, or without a
+    // list the preferred timing or another timing with a VIC that fits.
     _HDMI_OUTPUT_FORMAT automatic{};
     ASSERT_EQ(hdmi_getResolvedAutoOutputFormat(&automatic), 0);
     const _HDMI_OUTPUT_FORMAT now = current();
     EXPECT_TRUE(same(now, automatic));
-    EXPECT_EQ(now.mode, kModeOn);
-    const VicTiming* timing = EdidParser::findVic(now.vic);
-    const bool declared = std::count(codes.begin(), codes.end(), now.vic) == 1;
-    const bool preferred = timing != nullptr && !ref.dtds.empty() &&
-                           timing->width == ref.dtds[0].width &&
-                           timing->height == ref.dtds[0].height;
-    EXPECT_TRUE(declared || preferred || (now.vic == 0 && codes.empty())) << int(now.vic);
+    EXPECT_EQ(std::tuple(now.mode, now.color_depth), std::tuple(kModeOn, uint8_t(8)));
+    double autoKhz = now.vic ? referenceVics().at(now.vic).mhz * 1000 : 0;
+    if (now.vic == 0) sscanf(ref["@dtds"].at(0).c_str(), "%*s %lf", &autoKhz);
+    EXPECT_TRUE(std::count(codes.begin(), codes.end(), std::to_string(now.vic)) ||
+                (codes.empty() && autoKhz <= limitKhz))
+            << int(now.vic);
     EXPECT_EQ(hdmi_isOutputFormatSupported(now), 0);
     // A VIC the sink does not declare is refused.
     int undeclared = 1;
-    while (std::count(codes.begin(), codes.end(), undeclared) || undeclared == now.vic ||
+    while (has(ref, "~vdb", std::to_string(undeclared)) ||
+           has(ref, "~only420", std::to_string(undeclared)) ||
+           has(ref, "~hdmi_vic", std::to_string(undeclared)) || undeclared == now.vic ||
            EdidParser::findVic(static_cast<uint8_t>(undeclared)) == nullptr) {
         ++undeclared;
     }
@@ -558,22 +552,17 @@ TEST(EdidParserVicTable, MatchesReferenceList) {
                                                           {"16:9", PictureAspect::k16x9},
                                                           {"64:27", PictureAspect::k64x27},
                                                           {"256:135", PictureAspect::k256x135}};
-    std::istringstream in(runCommand("edid-decode --list-vics"));
     int checked = 0;
-    for (std::string line; std::getline(in, line);) {
-        int vic;
-        RefTiming ref{};
-        std::string aspect;
-        if (sscanf(line.c_str(), "VIC %d:", &vic) != 1 || vic > 219) continue;
-        ASSERT_TRUE(parseTimingText(afterColon(line), &ref, &aspect)) << line;
+    for (const auto& [vic, ref] : referenceVics()) {
+        if (vic > 219) continue;
         const VicTiming* t = EdidParser::findVic(static_cast<uint8_t>(vic));
-        ASSERT_NE(t, nullptr) << line;
-        ASSERT_EQ(aspects.count(aspect), 1u) << line;
+        ASSERT_NE(t, nullptr) << vic;
+        ASSERT_EQ(aspects.count(ref.aspect), 1u) << vic;
         EXPECT_EQ(std::tuple(int(t->width), int(t->height), t->interlaced, long(t->refreshHz),
-                             t->aspect),
+                             t->aspect, long(t->pixelClockKhz)),
                   std::tuple(ref.width, ref.height, ref.interlaced, std::lround(ref.hz),
-                             aspects.at(aspect)))
-                << line;
+                             aspects.at(ref.aspect), std::lround(ref.mhz * 1000)))
+                << vic;
         checked++;
     }
     EXPECT_EQ(checked, 127 + 27);
@@ -582,150 +571,103 @@ TEST(EdidParserVicTable, MatchesReferenceList) {
 }
 
 // ------------------------------------------------------------------------------------------
-// Hand-built EDIDs.
+// Faults planted into real EDIDs, one row per tolerance rule.
 
-void fixChecksum(std::vector<uint8_t>& edid, size_t block) {
+void fixChecksum(std::vector<uint8_t>& e, size_t block) {
     uint8_t sum = 0;
-    for (size_t i = block * 128; i < block * 128 + 127; ++i) sum += edid[i];
-    edid[block * 128 + 127] = static_cast<uint8_t>(0x100 - sum);
+    for (size_t i = block * 128; i < block * 128 + 127; ++i) sum += e[i];
+    e[block * 128 + 127] = static_cast<uint8_t>(0x100 - sum);
 }
 
-// A DVI-style base block followed by CTA-861 revision 3 blocks, each holding the given data
-// blocks (header bytes included), YCbCr 4:4:4 and 4:2:2 support and no DTD. The base block:
-// "TST", EDID 1.3, one DTD of 1920x1080 at 60 Hz. `declared` overrides the extension count.
-std::vector<uint8_t> edid(const std::vector<std::vector<std::vector<uint8_t>>>& ctaBlocks = {},
-                          int declared = -1) {
-    std::vector<uint8_t> e = {0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x52, 0x74};
-    e.resize(128, 0);
-    e[18] = 1, e[19] = 3, e[20] = 0x80, e[24] = 0x02;
-    std::fill(e.begin() + 38, e.begin() + 54, 0x01);
-    const uint8_t dtd[] = {0x02, 0x3A, 0x80, 0x18, 0x71, 0x38, 0x2D, 0x40, 0x58,
-                           0x2C, 0x45, 0x00, 0x40, 0x84, 0x63, 0x00, 0x00, 0x1E};
-    std::copy(std::begin(dtd), std::end(dtd), e.begin() + 54);
-    e[126] = static_cast<uint8_t>(declared >= 0 ? declared : int(ctaBlocks.size()));
-    fixChecksum(e, 0);
-    for (const auto& dataBlocks : ctaBlocks) {
-        const size_t start = e.size();
-        e.insert(e.end(), {0x02, 0x03, 0x00, 0x30});
-        for (const auto& d : dataBlocks) e.insert(e.end(), d.begin(), d.end());
-        e[start + 2] = static_cast<uint8_t>(e.size() - start);
-        e.resize(start + 128, 0);
-        fixChecksum(e, start / 128);
+// `e` after the operations of an edid-faults.tsv row.
+std::vector<uint8_t> plant(std::vector<uint8_t> e, const std::string& operations) {
+    std::istringstream in(operations);
+    for (std::string op; in >> op;) {
+        unsigned at = 0, value = 0;
+        if (sscanf(op.c_str(), "x%u", &at) == 1) {
+            e.at(at) ^= 1;
+        } else if (sscanf(op.c_str(), "cut=%u", &at) == 1) {
+            e.resize(at);
+        } else if (sscanf(op.c_str(), "%u=%x", &at, &value) == 2) {
+            e.at(at) = static_cast<uint8_t>(value);
+            fixChecksum(e, at / 128);
+        } else if (op == "dup0") {
+            e.insert(e.end(), e.begin(), e.begin() + 128);
+            e[126]++;
+            fixChecksum(e, 0);
+            std::copy(e.begin(), e.begin() + 128, e.end() - 128);
+        } else if (op == "did") {
+            // DisplayID 1.2, a section of one CTA-861 data block (tag 0x81) holding a VDB.
+            const uint8_t section[] = {0x70, 0x12, 8, 0, 0, 0x81, 0, 2, 0x41, 200};
+            std::fill(e.begin() + 384, e.begin() + 512, 0);
+            std::copy(std::begin(section), std::end(section), e.begin() + 384);
+            fixChecksum(e, 3);
+        } else {
+            ADD_FAILURE() << "unknown operation " << op;
+        }
     }
     return e;
 }
 
-// `e` with byte `at` set to `value`, its block's checksum repaired unless `fix` is false.
-std::vector<uint8_t> patched(std::vector<uint8_t> e, size_t at, uint8_t value, bool fix = true) {
-    e[at] = value;
-    if (fix) fixChecksum(e, at / 128);
-    return e;
+// What a model holds, in short: "blocks=4 dropped=3 vics=30 sads=6 name=LG TV last=97".
+std::string summary(const SinkModel& m) {
+    std::ostringstream out;
+    out << "blocks=" << m.blockTags.size() << " dropped=";
+    for (uint8_t index : m.droppedBlocks)
+        out << int(index) << (index == m.droppedBlocks.back() ? "" : ",");
+    out << " vics=" << m.videoFormats.size() << " sads=" << m.audioDescriptors.size()
+        << " name=" << m.monitorName
+        << " last=" << (m.videoFormats.empty() ? 0 : int(m.videoFormats.back().vic));
+    return out.str();
 }
 
-TEST(EdidParserMalformed, RefusedWithTheReason) {
-    const std::vector<uint8_t> base = edid();
-    // A video data block of 8 SVDs, with DTD offsets that leave room for 4 and for none.
-    const std::vector<uint8_t> vdb = edid({{{0x48, 16, 4, 5, 31, 19, 20, 32, 33}}});
-    const std::vector<std::pair<std::vector<uint8_t>, std::string>> cases = {
-            {{}, "empty EDID (0 bytes)"},
-            {std::vector<uint8_t>(base.begin(), base.begin() + 100),
-             "truncated: 100 bytes, the base block needs 128"},
-            {patched(base, 7, 0x01),
-             "bad header: 00 ff ff ff ff ff ff 01, expected 00 ff ff ff ff ff ff 00"},
-            {patched(edid({{{0x42, 0x10, 0x04}}}), 200, 0x3C, false),
-             "block 1: checksum mismatch (sum 0x3c)"},
-            {edid({}, 1), "truncated: 128 bytes, 2 blocks declared"},
-            {edid({{}}, 2), "truncated: 256 bytes, 3 blocks declared"},
-            {edid({{{0xE2, 0x78, 0x02}, {0x41, 16}}}),
-             "truncated: 256 bytes, 3 blocks declared by the HF-EEODB"},
-            {patched(vdb, 130, 9),
-             "block 1: data block at byte 4 (tag 2, length 8) runs past the DTD offset 9"},
-            {patched(vdb, 130, 2), "block 1: DTD offset 2 out of range (0 or 4..127)"}};
-    for (const auto& [bytes, expected] : cases) {
-        SCOPED_TRACE(expected);
+TEST(EdidParserTolerance, FaultsPlantedIntoRealEdids) {
+    for (const auto& row : readTable("edid-faults.tsv")) {
+        SCOPED_TRACE(row[0] + " " + row[1]);
         SinkModel model;
         std::string error;
-        EXPECT_FALSE(EdidParser::parse(bytes, &model, &error));
-        EXPECT_EQ(error, expected);
+        const bool ok =
+                EdidParser::parse(plant(readFile(kEdidDir + "/" + row[0]), row[1]), &model, &error);
+        EXPECT_EQ(ok ? summary(model) : "refused: " + error, row[2]);
+        EXPECT_TRUE(row[3].empty() ||
+                    std::count(model.warnings.begin(), model.warnings.end(), row[3]) == 1)
+                << row[3];
+        EXPECT_EQ(model.blockTags.empty(), !ok);
     }
-    SinkModel model;
-    EXPECT_FALSE(EdidParser::parse(nullptr, 0, &model, nullptr));
-}
-
-TEST(EdidParserEeodb, OverridesBaseBlockCount) {
-    // Byte 126 says one extension; the HF-EEODB says two. Without it the third block is
-    // trailing data, worth one warning.
-    SinkModel model;
-    std::string error;
-    const std::vector<uint8_t> third = {0x42, 0x04, 97};
-    ASSERT_TRUE(
-            EdidParser::parse(edid({{{0xE2, 0x78, 0x02}, {0x41, 16}}, {third}}, 1), &model, &error))
-            << error;
-    EXPECT_TRUE(model.eeodbPresent);
-    EXPECT_EQ(model.blockTags, (std::vector<uint8_t>{kBlockTagBase, kBlockTagCta, kBlockTagCta}));
-    ASSERT_EQ(model.videoFormats.size(), 3u);
-    EXPECT_EQ(model.videoFormats[2].vic, 97);
-    ASSERT_TRUE(EdidParser::parse(edid({{{0x41, 16}}, {third}}, 1), &model, &error));
-    EXPECT_EQ(model.blockTags.size(), 2u);
-    EXPECT_EQ(model.warnings.size(), 1u);
-}
-
-TEST(EdidParserVideo, SvdCodesAndColourEncodings) {
-    // SVDs: 16 native (0x90), 193, reserved 128, 97, 16 again, 64 native (0xC0). 4:2:0 map:
-    // SVD 4 (VIC 97). 4:2:0 only: 96. HDMI VSDB with both latency pairs before HDMI_VIC 1
-    // (VIC 95), DC 30/36 without Y444. HF-VSDB: DC_420 30 bits, ALLM, VRR 48..300 Hz.
-    SinkModel model;
-    std::string error;
-    ASSERT_TRUE(EdidParser::parse(
-            edid({{{0x46, 0x90, 0xC1, 0x80, 97, 16, 0xC0},
-                   {0xE2, 0x0F, 0x08},
-                   {0xE2, 0x0E, 96},
-                   {0x6F, 0x03, 0x0C, 0x00, 0x10, 0x00, 0x30, 0x3C, 0xE0, 5, 5, 9, 9, 0x00, 0x20,
-                    0x01},
-                   {0x83, 0x01, 0x00, 0x00},
-                   {0x6A, 0xD8, 0x5D, 0xC4, 0x01, 0x78, 0x80, 0x01, 0x02, 0x70, 0x2C}}}),
-            &model, &error))
-            << error;
-    std::vector<std::tuple<int, bool, bool, bool, int>> formats;  // VIC, native, 4:2:0 only,
-    for (const VideoFormat& f : model.videoFormats) {             // HDMI_VIC, encodings
-        formats.emplace_back(f.vic, f.native, f.only420, f.viaHdmiVic, f.encodings);
-    }
-    const int regular = kEncodingRgb | kEncodingYCbCr444 | kEncodingYCbCr422;
-    EXPECT_EQ(formats, (decltype(formats){{16, true, false, false, regular},
-                                          {193, false, false, false, regular},
-                                          {97, false, false, false, regular | kEncodingYCbCr420},
-                                          {64, true, false, false, regular},
-                                          {96, false, true, false, kEncodingYCbCr420},
-                                          {95, false, false, true, regular}}));
-    const VideoFormat& v16 = model.videoFormats[0];
-    EXPECT_EQ(std::tuple(v16.depthRgb, v16.depthYCbCr444, v16.depthYCbCr420),
-              std::tuple(uint8_t(kDepth30 | kDepth36), uint8_t(0), uint8_t(0)));
-    EXPECT_EQ(model.videoFormats[2].depthYCbCr420, kDepth30);
-    EXPECT_EQ(model.videoFormats[5].width, 3840);
-    EXPECT_EQ(model.preferredVic, 16);
-    EXPECT_EQ(model.speakerAllocation, (std::vector<uint8_t>{0x01, 0x00, 0x00}));
-    EXPECT_EQ(model.physicalAddress, (std::array<uint8_t, 2>{0x10, 0x00}));
-    EXPECT_EQ(std::tuple(model.hdmiForum.allm, int(model.hdmiForum.vrrMin),
-                         int(model.hdmiForum.vrrMax)),
-              std::tuple(true, 48, 300));
-    EXPECT_EQ(model.warnings.size(), 1u);  // the reserved SVD code
 }
 
 // ------------------------------------------------------------------------------------------
-// The emulated service through the library.
+// Output format requests (tests/data/format-requests.tsv): the automatic format policy of
+// docs/AUTO_FORMAT.md and the link's refusals, one row per rule, on real EDIDs.
 
-TEST_F(EmulatorTest, UnusableEdidsAreRefusedWithTheReason) {
-    std::string error;
-    EXPECT_EQ(HdmiUtilEmulator::fromEdid({}, &error), nullptr);
-    EXPECT_EQ(error, "malformed EDID: empty EDID (0 bytes)");
-    EXPECT_EQ(HdmiUtilEmulator::fromFile(kEdidDir + "/no-such.bin", &error), nullptr);
-    EXPECT_EQ(error.rfind("cannot read EDID file " + kEdidDir + "/no-such.bin", 0), 0u) << error;
-    // A substitute EDID that does not parse leaves the sink as it was.
+TEST_F(EmulatorTest, FormatRequestsFollowThePolicyAndTheLink) {
     ASSERT_NO_FATAL_FAILURE(start(kFullHdTv));
-    std::vector<uint8_t> garbage(256, 0x5a);
-    EXPECT_EQ(hdmi_setFakeEDID(garbage.data(), 256), 0);
-    EXPECT_EQ(emulator->state().lastFakeEdidError.rfind("malformed EDID: bad header", 0), 0u);
-    EXPECT_EQ(emulator->sink().edid(), readFile(kFullHdTv));
+    for (const auto& row : readTable("format-requests.tsv", 5)) {
+        SCOPED_TRACE(row[0] + " " + row[1] + " " + row[2] + ": " + row[4]);
+        std::string error;
+        ASSERT_TRUE(emulator->swapEdid(readFile(kEdidDir + "/" + row[0]), &error)) << error;
+        unsigned tmds = 0, frl = 0, r[4] = {}, e[4] = {};
+        ASSERT_EQ(sscanf(row[1].c_str(), "%u/%u", &tmds, &frl), 2);
+        EXPECT_EQ(hdmi_setIgnoreEDIDValue(row[1].find("ignore") != std::string::npos), 0);
+        emulator->setSourceLimits({static_cast<uint16_t>(tmds), static_cast<uint8_t>(frl)});
+        ASSERT_EQ(sscanf(row[2].c_str(), "%u %u %u %u", &r[0], &r[1], &r[2], &r[3]), 4);
+        int result = 0;
+        ASSERT_GE(sscanf(row[3].c_str(), "%d %u %u %u", &result, &e[0], &e[1], &e[2]), 1);
+        const _HDMI_OUTPUT_FORMAT before = current();
+        _HDMI_OUTPUT_FORMAT request =
+                format(uint8_t(r[0]), uint8_t(r[3]), uint8_t(r[1]), uint8_t(r[2]));
+        EXPECT_EQ(hdmi_setOutputFormat(&request, 0), result);
+        const _HDMI_OUTPUT_FORMAT now = current();
+        if (result != 0) {
+            EXPECT_TRUE(same(now, before));  // a refusal changes nothing
+            continue;
+        }
+        EXPECT_EQ(std::tuple(unsigned(now.vic), unsigned(now.color), unsigned(now.color_depth)),
+                  std::tuple(e[0], e[1], e[2]));
+        _HDMI_OUTPUT_FORMAT automatic{};
+        ASSERT_EQ(hdmi_getResolvedAutoOutputFormat(&automatic), 0);
+        EXPECT_TRUE(r[0] != 0 || r[3] != 0 || same(automatic, now));
+    }
 }
 
 TEST_F(EmulatorTest, PlugUnplugAndEdidChangesReachTheCaller) {
@@ -772,49 +714,15 @@ TEST_F(EmulatorTest, PlugUnplugAndEdidChangesReachTheCaller) {
     nextEvents(2, {kEventFormatChange, kEventFormatChange});
 }
 
-// A callback registered with the service directly: it is called on the service's own thread.
-struct ThreadProbe : HdmiUtilEmulator::IHdmiUtilCallback {
-    ::android::hardware::Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t,
-                                                  int64_t) override {
-        std::lock_guard<std::mutex> guard(lock);
-        threads.push_back(std::this_thread::get_id());
-        return ::android::hardware::Void();
-    }
-    std::mutex lock;
-    std::vector<std::thread::id> threads;
-};
-
-TEST_F(EmulatorTest, EventsComeFromTheServiceThread) {
-    std::string error;
-    emulator = HdmiUtilEmulator::fromFile(kUhdTv, &error);
-    ASSERT_NE(emulator, nullptr) << error;
-    sp<ThreadProbe> probe = new ThreadProbe();
-    emulator->setCallback(77, "probe", probe).assertOk();
-    emulator->unplug();
-    emulator->waitForEvents();
-    {
-        std::lock_guard<std::mutex> guard(probe->lock);
-        ASSERT_EQ(probe->threads.size(), 2u);  // unplug, format change
-        EXPECT_NE(probe->threads[0], std::this_thread::get_id());
-    }
-    emulator->removeCallback(77).assertOk();
-    EXPECT_EQ(emulator->clients().size(), 0u);
-}
-
 TEST_F(EmulatorTest, OutputFormatFollowsWhatTheSinkTakes) {
     ASSERT_NO_FATAL_FAILURE(start(kUhdTv));
     EXPECT_EQ(current().vic, VIC_3840_2160P_60HZ);  // the C9's preferred timing
-    // Automatic colour: RGB at 8 bits for SDR, 10 bits for an HDR10 output.
-    _HDMI_OUTPUT_FORMAT f = format(VIC_1920_1080P_60HZ, kHdrModeHdr10);
-    ASSERT_EQ(hdmi_setOutputFormat(&f, 0), 0);
-    EXPECT_TRUE(same(current(), format(VIC_1920_1080P_60HZ, kHdrModeHdr10, kColorRgb, 10)));
     int color = 0, depth = 0;
     ASSERT_EQ(hdmi_getColorSet(&color, &depth, VIC_3840_2160P_60HZ, kColorYCbCr420, 12), 0);
     EXPECT_EQ(std::tuple(color, depth), std::tuple(int(kColorYCbCr420), 12));
-    // 4:2:0 is mapped for the 4K formats only; 16 bits are beyond this TV.
-    f.color = kColorYCbCr420;
-    EXPECT_EQ(hdmi_setOutputFormat(&f, 0), kResultUnsupported);
+    // 16 bits are beyond this TV, 12-bit RGB beyond the link at 4K60.
     EXPECT_EQ(hdmi_getColorSet(&color, &depth, VIC_1920_1080P_60HZ, kColorRgb, 16), -38);
+    EXPECT_EQ(hdmi_getColorSet(&color, &depth, VIC_3840_2160P_60HZ, kColorRgb, 12), -38);
     EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
     EXPECT_EQ(std::tuple(current().hdr, current().color_depth, hdmi_isUnderDoviMode(0)),
               std::tuple(uint8_t(kHdrModeDolbyVision), uint8_t(8), 1));
@@ -835,54 +743,24 @@ TEST_F(EmulatorTest, OutputFormatFollowsWhatTheSinkTakes) {
     EXPECT_EQ(hdmi_hdmiIsOn(), 1);
 }
 
-TEST_F(EmulatorTest, SinksRefuseWhatTheyLack) {
-    ASSERT_NO_FATAL_FAILURE(start(kFullHdTv));
-    EXPECT_EQ(hdmi_setHDMIFormat3D(1, 0.0f), kResultUnsupported);
-    // A DVI monitor runs its preferred 2560x1600, which has no VIC, in RGB only.
-    std::string error;
-    ASSERT_TRUE(emulator->swapEdid(readFile(kDviMonitor), &error)) << error;
-    _HDMI_OUTPUT_FORMAT dvi = current();
-    EXPECT_TRUE(same(dvi, format(kVicAuto, kHdrModeSdr, kColorRgb, 8)));
-    _HDMITVCapInfo cap;
-    ASSERT_EQ(hdmi_getTVCapInfo(&cap), 0);
-    // No CTA-861 extension; the first detailed timing is 1280 wide.
-    EXPECT_EQ(std::tuple(cap.capWord26, cap.capWord21, cap.capWord4),
-              std::tuple(0, 1280, int(kEncodingRgb)));
-    dvi.color = kColorYCbCr444;
-    EXPECT_EQ(hdmi_setOutputFormat(&dvi, 0), kResultUnsupported);
-    // The ignore-EDID property lets any VIC of the CTA-861 table through.
-    _HDMI_OUTPUT_FORMAT uhd = format(VIC_3840_2160P_30HZ);
-    EXPECT_EQ(hdmi_setOutputFormat(&uhd, 0), kResultUndeclaredVic);
-    EXPECT_EQ(hdmi_setIgnoreEDIDValue(1), 0);
-    EXPECT_EQ(hdmi_setOutputFormat(&uhd, 0), 0);
-    EXPECT_EQ(current().vic, VIC_3840_2160P_30HZ);
-}
-
-TEST_F(EmulatorTest, SettingsReachTheServiceAndFollowTheSink) {
+TEST_F(EmulatorTest, SettingsFollowTheSink) {
     ASSERT_NO_FATAL_FAILURE(start(kUhdTv));
-    EXPECT_EQ(hdmi_getPropVal(42), 0);
-    EXPECT_EQ(hdmi_setPropVal(42, -7), 0);
-    EXPECT_EQ(hdmi_getPropVal(42), -7);
     EXPECT_EQ(hdmi_acquireLock(3), 0);
     EXPECT_EQ(hdmi_acquireLock(3), kResultLockBusy);
-    hdmi_releaseLock(3);
-    EXPECT_EQ(hdmi_acquireLock(3), 0);
-    EXPECT_EQ(std::tuple(hdmi_saveColorModeEnum(4), hdmi_saveEdidAutoMode(0), hdmi_control_5v(0)),
-              std::tuple(0, 0, 0));
-    // control_5v(-1) only asks.
-    EXPECT_EQ(std::tuple(hdmi_readColorModeEnum(), hdmi_readEdidAutoMode(), hdmi_control_5v(-1)),
-              std::tuple(4, 0, 0));
-    EXPECT_EQ(hdmi_setVRREnable(1), 0);
-    EXPECT_EQ(hdmi_setVRRFps(48), 0);
-    EXPECT_EQ(hdmi_setALLM(1), 0);
-    EXPECT_EQ(std::tuple(hdmi_getVRREnabled(), emulator->state().vrrFps, emulator->state().allm),
-              std::tuple(1, 48, 1));
+    EXPECT_EQ(std::tuple(hdmi_setVRREnable(1), hdmi_setALLM(1)), std::tuple(0, 0));
+    EXPECT_EQ(std::tuple(hdmi_getVRREnabled(), emulator->state().allm), std::tuple(1, 1));
     // A TV without VRR or ALLM turns them off, and cannot be switched to them.
     std::string error;
     ASSERT_TRUE(emulator->swapEdid(readFile(kFullHdTv), &error)) << error;
     EXPECT_EQ(std::tuple(hdmi_getVRREnabled(), emulator->state().allm), std::tuple(0, 0));
     EXPECT_EQ(hdmi_setVRREnable(1), 0);
     EXPECT_EQ(hdmi_getVRREnabled(), 0);
+    EXPECT_EQ(hdmi_setHDMIFormat3D(1, 0.0f), kResultUnsupported);
+    // A substitute EDID that does not parse leaves the sink as it was.
+    std::vector<uint8_t> garbage(256, 0x5a);
+    EXPECT_EQ(hdmi_setFakeEDID(garbage.data(), 256), 0);
+    EXPECT_EQ(emulator->state().lastFakeEdidError.rfind("malformed EDID: bad header", 0), 0u);
+    EXPECT_EQ(emulator->sink().edid(), readFile(kFullHdTv));
 }
 
 TEST_F(EmulatorTest, DumpAndDebugCommandsWriteToTheCallersDescriptor) {

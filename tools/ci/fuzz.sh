@@ -19,7 +19,7 @@ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 
 targets=(fuzz_service_replies fuzz_caller_inputs)
 # The EDID parser's target exists once the emulator's parser does.
-if [ -f emulator/EdidParser.cpp ]; then
+if [ -f emulator/edid/EdidParser.cpp ]; then
     targets+=(fuzz_edid_parser)
 fi
 cmake --build build-fuzz -j"$jobs" --target "${targets[@]}"

@@ -18,14 +18,17 @@
 
 #define LOG_TAG "vistrelctl"
 
+#include <stdio.h>
 #include <string.h>
+
+#include <algorithm>
 
 #include "Commands.h"
 #include "Names.h"
 
 namespace mirova::vistrelctl {
 
-using namespace ::mirova::emulator;  // the service's codes
+using namespace ::mirova::emulator;  // the service's codes and its link model
 
 namespace {
 
@@ -41,9 +44,94 @@ std::string manufacturerText(int32_t packed) {
                        static_cast<char>((packed >> 8) & 0xff), static_cast<char>(packed & 0xff)};
 }
 
+// "594" or "742.5" for a rate in kHz (or Mbit/s shown as Gbit/s).
+std::string mhzText(uint32_t khz) {
+    char text[32];
+    snprintf(text, sizeof(text), "%.3f", khz / 1000.0);
+    std::string t = text;
+    while (t.back() == '0') t.pop_back();
+    if (t.back() == '.') t.pop_back();
+    return t;
+}
+
 Value names(const std::vector<std::string>& list) {
     Value v = Value::array();
     for (const std::string& name : list) v.push(name);
+    return v;
+}
+
+// The link's side of a format entry: "TMDS 594 MHz", or the FRL bandwidth and the smallest FRL
+// rate that carries it.
+std::string needText(const LinkNeed& need) {
+    if (need.tmdsKhz == 0) return "-";
+    if (!need.viaFrl) return "TMDS " + mhzText(need.tmdsKhz) + " MHz";
+    uint8_t rate = 1;
+    while (rate < 6 && LinkModel::frlCapacityMbps(rate) < need.frlMbps) ++rate;
+    return std::string("FRL ") + LinkModel::frlRateName(rate) + " (" + mhzText(need.frlMbps) +
+           " Gbps)";
+}
+
+// The most demanding encoding and depth the link carries for `vic`.
+LinkNeed highestNeed(const emulator::SinkProfile& sink, int vic) {
+    LinkNeed highest;
+    for (uint8_t color : {kColorRgb, kColorYCbCr444, kColorYCbCr422, kColorYCbCr420}) {
+        for (uint8_t depth : {8, 10, 12, 16}) {
+            const LinkNeed need = sink.linkNeed(static_cast<uint8_t>(vic), color, depth);
+            if (need.carried() && need.tmdsKhz >= highest.tmdsKhz) highest = need;
+        }
+    }
+    return highest;
+}
+
+// What the sink declares for `f` (or could take at a depth it does not declare) and the link
+// refuses, one row per encoding and depth, with the reason.
+void addRefused(const emulator::SinkProfile& sink, const VideoFormat& f, Value* rows) {
+    for (uint8_t color : {kColorRgb, kColorYCbCr444, kColorYCbCr422, kColorYCbCr420}) {
+        for (uint8_t depth : {8, 10, 12, 16}) {
+            const LinkNeed need = sink.linkNeed(f.vic, color, depth);
+            const LinkVerdict v = need.verdict;
+            if (need.carried() || v == LinkVerdict::kEncodingNotDeclared ||
+                (v == LinkVerdict::k420NotAllowed && depth != 8) ||
+                (v == LinkVerdict::kDepthNotDeclared && (depth == 16 || color == kColorYCbCr422))) {
+                continue;
+            }
+            // A depth the sink does not declare is worth a row only where the link would carry
+            // it; 4:2:0 only where RGB is too fast.
+            if (v == LinkVerdict::kDepthNotDeclared || v == LinkVerdict::k420NotAllowed) {
+                const uint32_t tmds = LinkModel::tmdsRateKhz(
+                        sink.pixelClockKhz(f.vic),
+                        color == kColorYCbCr420 ? kEncodingYCbCr420 : kEncodingRgb, depth);
+                const bool fits = tmds <= std::min<uint32_t>(sink.link().sinkTmdsMhz(),
+                                                             sink.link().source().maxTmdsMhz) *
+                                                  1000u;
+                if (!fits || (v == LinkVerdict::k420NotAllowed &&
+                              sink.linkNeed(f.vic, kColorRgb, 8).carried())) {
+                    continue;
+                }
+            }
+            Value row = Value::object();
+            row.set("vic", f.vic);
+            row.set("name", vicName(f.vic));
+            row.set("color", colorName(color));
+            row.set("depth", depth);
+            row.set("tmds_mhz",
+                    mhzText(LinkModel::tmdsRateKhz(sink.pixelClockKhz(f.vic),
+                                                   color == kColorYCbCr420   ? kEncodingYCbCr420
+                                                   : color == kColorYCbCr422 ? kEncodingYCbCr422
+                                                                             : kEncodingRgb,
+                                                   depth)));
+            row.set("reason", LinkModel::verdictText(v));
+            rows->push(row);
+        }
+    }
+}
+
+Value linkValue(const LinkModel& link) {
+    Value v = Value::object();
+    v.set("sink_max_tmds_mhz", link.sinkTmdsMhz());
+    v.set("sink_frl", LinkModel::frlRateName(link.sinkFrlRate()));
+    v.set("source_max_tmds_mhz", link.source().maxTmdsMhz);
+    v.set("source_frl", LinkModel::frlRateName(link.source().maxFrlRate));
     return v;
 }
 
@@ -101,6 +189,7 @@ int runCaps(Context& ctx) {
     r.set("physical_address", physicalAddressText(cap.cec[0], cap.cec[1]));
     r.set("max_tmds_mhz", cap.capWord0);
     r.set("max_frl_rate", cap.capWord2);
+    r.set("link", linkValue(ctx.service->sink().link()));
     std::vector<std::string> encodings = {"RGB"};
     if (cap.capWord4 & kEncodingYCbCr444) encodings.push_back("YCbCr444");
     if (cap.capWord4 & kEncodingYCbCr422) encodings.push_back("YCbCr422");
@@ -155,12 +244,28 @@ int runCaps(Context& ctx) {
 
 int runFormats(Context& ctx) {
     int filter = 0;
-    for (const std::string& arg : ctx.args) {
-        if (arg != "--hdr-filter") {
+    bool all = false;
+    SourceLimits source = ctx.service->sourceLimits();
+    for (size_t i = 0; i < ctx.args.size(); ++i) {
+        const std::string& arg = ctx.args[i];
+        int value = 0;
+        if (arg == "--hdr-filter") {
+            filter = 1;
+        } else if (arg == "--all") {
+            all = true;
+        } else if ((arg == "--source-tmds" || arg == "--source-frl") && i + 1 < ctx.args.size()) {
+            const bool tmds = arg == "--source-tmds";
+            if (!parseInt(ctx.args[++i], tmds ? 25 : 0, tmds ? 1275 : 6, &value)) {
+                return ctx.fail(kExitUsage, "formats: " + arg + " needs " +
+                                                    (tmds ? "a rate in MHz" : "an FRL code 0-6"));
+            }
+            if (tmds) source.maxTmdsMhz = static_cast<uint16_t>(value);
+            if (!tmds) source.maxFrlRate = static_cast<uint8_t>(value);
+        } else {
             return ctx.fail(kExitUsage, "formats: unexpected argument '" + arg + "'");
         }
-        filter = 1;
     }
+    ctx.service->setSourceLimits(source);
     const int result = hdmi_getEDIDSupportList(filter);
     if (result != 0) {
         return ctx.fail(kExitFailure,
@@ -168,27 +273,53 @@ int runFormats(Context& ctx) {
     }
     android::Vector<_HDMI_FORMAT_SUPPORT> list;
     hdmi_queryEDIDSupportList(&list);
+    const emulator::SinkProfile sink = ctx.service->sink();
 
-    Value rows = Value::array();
-    for (const _HDMI_FORMAT_SUPPORT& f : list) {
+    auto formatRow = [&](int vic, const _HDMI_FORMAT_SUPPORT* f) {
+        const _HDMI_FORMAT_SUPPORT none{};
+        if (f == nullptr) f = &none;
         Value row = Value::object();
-        row.set("vic", f.code);
-        row.set("name", vicName(f.code));
-        row.set("timing", vicTiming(f.code));
-        row.set("hz", f.flags6);
-        row.set("rgb", depthsText(f.flags1));
-        row.set("ycbcr444", depthsText(f.flags2));
-        row.set("ycbcr422", depthsText(f.flags3));
-        row.set("ycbcr420", depthsText(f.flags4));
-        row.set("native", (f.flags5 & kFormatNative) != 0);
-        row.set("preferred", (f.flags5 & kFormatPreferred) != 0);
-        row.set("flags", hexBytes(&f.flags1, 7));
-        rows.push(row);
+        row.set("vic", vic);
+        row.set("name", vicName(vic));
+        row.set("timing", vicTiming(vic));
+        row.set("hz", f->flags6);
+        row.set("rgb", depthsText(f->flags1));
+        row.set("ycbcr444", depthsText(f->flags2));
+        row.set("ycbcr422", depthsText(f->flags3));
+        row.set("ycbcr420", depthsText(f->flags4));
+        row.set("native", (f->flags5 & kFormatNative) != 0);
+        row.set("preferred", (f->flags5 & kFormatPreferred) != 0);
+        row.set("listed", f != &none);
+        // The most demanding entry the link carries: how close the format comes to its limits.
+        row.set("link", f != &none ? needText(highestNeed(sink, vic)) : "refused");
+        row.set("flags", hexBytes(&f->flags1, 7));
+        return row;
+    };
+    Value rows = Value::array();
+    Value refused = Value::array();
+    size_t count = 0;
+    if (all) {
+        // Every declared format in declaration order, listed or not.
+        for (const VideoFormat& declared : sink.model().videoFormats) {
+            const _HDMI_FORMAT_SUPPORT* entry = nullptr;
+            for (const _HDMI_FORMAT_SUPPORT& f : list) {
+                if (f.code == declared.vic) entry = &f;
+            }
+            if (entry == nullptr && filter != 0) continue;
+            rows.push(formatRow(declared.vic, entry));
+            ++count;
+            addRefused(sink, declared, &refused);
+        }
+    } else {
+        for (const _HDMI_FORMAT_SUPPORT& f : list) rows.push(formatRow(f.code, &f));
+        count = list.size();
     }
     Value r = Value::object();
     r.set("hdr_filter", filter != 0);
-    r.set("count", list.size());
+    r.set("link", linkValue(sink.link()));
+    r.set("count", count);
     r.set("formats", rows);
+    if (all) r.set("refused", refused);
     ctx.report = r;
     return kExitOk;
 }

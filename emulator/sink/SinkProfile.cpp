@@ -29,40 +29,23 @@ using ::vendor::mirova::hdmiutil::common::V1_0::hAudio_desc;
 
 namespace {
 
-// One flag byte of the format support list: the encoding's usability and the
-// deep colour depths the sink takes in it.
-uint8_t encodingFlags(const VideoFormat& f, uint8_t encoding, uint8_t depths) {
-    if ((f.encodings & encoding) == 0) return 0;
-    uint8_t flags = kFlag8Bit;
-    if (depths & kDepth30) flags |= kFlag10Bit;
-    if (depths & kDepth36) flags |= kFlag12Bit;
-    if (depths & kDepth48) flags |= kFlag16Bit;
-    return flags;
-}
-
-// The kEncoding* bit and the depth bits of an OutputFormat colour code.
-bool encodingOf(const VideoFormat& f, uint8_t color, uint8_t* encoding, uint8_t* depths) {
+// The kEncoding* bit of an OutputFormat colour code; 0 for other codes.
+uint8_t encodingOf(uint8_t color) {
     switch (color) {
         case kColorRgb:
-            *encoding = kEncodingRgb;
-            *depths = f.depthRgb;
-            return true;
+            return kEncodingRgb;
         case kColorYCbCr444:
-            *encoding = kEncodingYCbCr444;
-            *depths = f.depthYCbCr444;
-            return true;
+            return kEncodingYCbCr444;
         case kColorYCbCr422:
-            *encoding = kEncodingYCbCr422;
-            *depths = f.depthYCbCr422;
-            return true;
+            return kEncodingYCbCr422;
         case kColorYCbCr420:
-            *encoding = kEncodingYCbCr420;
-            *depths = f.depthYCbCr420;
-            return true;
+            return kEncodingYCbCr420;
         default:
-            return false;
+            return 0;
     }
 }
+
+constexpr uint8_t kColorOrder[] = {kColorRgb, kColorYCbCr444, kColorYCbCr422, kColorYCbCr420};
 
 int32_t lumaOrNone(const std::optional<uint8_t>& code) {
     return code.has_value() ? *code : -1;
@@ -70,8 +53,8 @@ int32_t lumaOrNone(const std::optional<uint8_t>& code) {
 
 }  // namespace
 
-bool SinkProfile::build(const std::vector<uint8_t>& edid, SinkProfile* profile,
-                        std::string* error) {
+bool SinkProfile::build(const std::vector<uint8_t>& edid, SinkProfile* profile, std::string* error,
+                        const SourceLimits& source) {
     SinkProfile built;
     std::string why;
     if (!EdidParser::parse(edid, &built.mModel, &why)) {
@@ -79,24 +62,70 @@ bool SinkProfile::build(const std::vector<uint8_t>& edid, SinkProfile* profile,
         return false;
     }
     built.mEdid = edid;
-    built.mAutoVic = built.pickAutoVic();
-    *profile = std::move(built);
+    *profile = built.withSource(source);
     return true;
 }
 
+SinkProfile SinkProfile::withSource(const SourceLimits& source) const {
+    SinkProfile p = *this;
+    p.mLink = LinkModel(p.mModel, source);
+    p.mAutoVic = p.pickAutoVic();
+    return p;
+}
+
+uint32_t SinkProfile::pixelClockKhz(uint8_t vic) const {
+    if (vic == kVicAuto) return mModel.preferredTiming ? mModel.preferredTiming->pixelClockKhz : 0;
+    const VicTiming* t = EdidParser::findVic(vic);
+    return t != nullptr ? t->pixelClockKhz : 0;
+}
+
+LinkNeed SinkProfile::linkNeed(uint8_t vic, uint8_t color, uint8_t depth, bool sourceOnly) const {
+    const uint8_t encoding = encodingOf(color);
+    if (encoding == 0) return {0, 0, false, LinkVerdict::kEncodingNotDeclared};
+    return mLink.evaluate(formatOf(vic), pixelClockKhz(vic), encoding, depth, sourceOnly);
+}
+
+bool SinkProfile::carriedAt8(uint8_t vic) const {
+    return std::any_of(std::begin(kColorOrder), std::end(kColorOrder),
+                       [&](uint8_t color) { return linkNeed(vic, color, 8).carried(); });
+}
+
 uint8_t SinkProfile::pickAutoVic() const {
-    if (mModel.preferredVic != 0) return mModel.preferredVic;
-    // No VIC for the preferred timing: the largest, then fastest, progressive
-    // format that is not restricted to 4:2:0.
+    if (mModel.preferredVic != 0 && carriedAt8(mModel.preferredVic)) return mModel.preferredVic;
+    // Else the largest, then fastest, progressive format the link carries,
+    // one that is not restricted to 4:2:0 first.
     const VideoFormat* best = nullptr;
     auto rank = [](const VideoFormat& f) {
         return std::make_tuple(!f.only420, f.width * f.height, f.refreshHz, !f.interlaced);
     };
     for (const VideoFormat& f : mModel.videoFormats) {
-        if (f.width == 0) continue;  // a code the CTA-861 table does not know
+        if (f.width == 0 || !carriedAt8(f.vic)) continue;  // unknown code, or too fast
         if (best == nullptr || rank(f) > rank(*best)) best = &f;
     }
-    return best != nullptr ? best->vic : 0;
+    if (best != nullptr) return best->vic;
+    if (!mModel.preferredTiming || carriedAt8(kVicAuto)) return kVicAuto;
+    // A sink without formats (DVI) whose preferred timing is too fast: the
+    // largest, then fastest, of its other timings that has a VIC and fits.
+    const VicTiming* fallback = nullptr;
+    auto consider = [&](uint16_t width, uint16_t height, uint16_t hz, bool interlaced) {
+        EdidParser::forEachVic([&](const VicTiming& v) {
+            if (v.width != width || v.height != height || v.refreshHz != hz ||
+                v.interlaced != interlaced || !carriedAt8(v.vic)) {
+                return;
+            }
+            auto key = [](const VicTiming& t) {
+                return std::make_tuple(t.width * t.height, t.refreshHz, !t.interlaced);
+            };
+            if (fallback == nullptr || key(v) > key(*fallback)) fallback = &v;
+        });
+    };
+    for (const DetailedTiming& t : mModel.detailedTimings) {
+        consider(t.width, t.height, t.refreshHz, t.interlaced);
+    }
+    for (const MonitorTiming& t : mModel.monitorTimings) {
+        consider(t.width, t.height, t.refreshHz, t.interlaced);
+    }
+    return fallback != nullptr ? fallback->vic : kVicAuto;
 }
 
 VideoFormat SinkProfile::formatOf(uint8_t vic) const {
@@ -122,7 +151,7 @@ VideoFormat SinkProfile::formatOf(uint8_t vic) const {
 }
 
 bool SinkProfile::takesVic(uint8_t vic, bool anyKnownVic) const {
-    if (vic == kVicAuto || vic == mModel.preferredVic) return true;
+    if (vic == kVicAuto || vic == mModel.preferredVic || vic == mAutoVic) return true;
     if (anyKnownVic && EdidParser::findVic(vic) != nullptr) return true;
     return std::any_of(mModel.videoFormats.begin(), mModel.videoFormats.end(),
                        [vic](const VideoFormat& f) { return f.vic == vic; });
@@ -145,48 +174,50 @@ bool SinkProfile::takesHdrMode(int32_t hdrMode) const {
 }
 
 bool SinkProfile::resolveColor(uint8_t vic, uint8_t color, uint8_t depth, uint8_t hdrMode,
-                               Color* out) const {
-    const VideoFormat f = formatOf(vic == kVicAuto ? mAutoVic : vic);
-    uint8_t encoding = 0;
-    uint8_t depths = 0;
-    if (color == kColorAuto) {
-        // The first encoding the sink takes, in the order RGB, 4:4:4, 4:2:2, 4:2:0.
-        for (uint8_t candidate : {kColorRgb, kColorYCbCr444, kColorYCbCr422, kColorYCbCr420}) {
-            encodingOf(f, candidate, &encoding, &depths);
-            if (f.encodings & encoding) {
-                color = candidate;
-                break;
+                               Color* out, bool sourceOnly) const {
+    const uint8_t target = vic == kVicAuto ? mAutoVic : vic;
+    if (color != kColorAuto && encodingOf(color) == 0) return false;
+    // Depths in the order tried: HDR transfer functions want 10 or 12 bits
+    // and settle for 8 only when no encoding carries more; SDR gets 8.
+    const bool hdr = hdrMode == kHdrModeHdr10 || hdrMode == kHdrModeHlg;
+    std::vector<uint8_t> depths = {depth};
+    if (depth == kDepthAuto)
+        depths = hdr ? std::vector<uint8_t>{10, 12, 8} : std::vector<uint8_t>{8};
+    // Encodings in the order tried: RGB, 4:4:4, 4:2:2, 4:2:0.
+    std::vector<uint8_t> colors = {color};
+    if (color == kColorAuto) colors.assign(std::begin(kColorOrder), std::end(kColorOrder));
+    for (uint8_t d : depths) {
+        for (uint8_t c : colors) {
+            if (linkNeed(target, c, d, sourceOnly).carried()) {
+                *out = {c, d};
+                return true;
             }
         }
-        if (color == kColorAuto) return false;
-    } else if (!encodingOf(f, color, &encoding, &depths) || (f.encodings & encoding) == 0) {
-        return false;
     }
-
-    if (depth == kDepthAuto) {
-        // HDR transfer functions want at least 10 bits; everything else gets 8.
-        const bool hdr = hdrMode == kHdrModeHdr10 || hdrMode == kHdrModeHlg;
-        depth = hdr && (depths & kDepth30) ? 10 : hdr && (depths & kDepth36) ? 12 : 8;
-    } else {
-        const bool taken = depth == 8 || (depth == 10 && (depths & kDepth30)) ||
-                           (depth == 12 && (depths & kDepth36)) ||
-                           (depth == 16 && (depths & kDepth48));
-        if (!taken) return false;
-    }
-    *out = {color, depth};
-    return true;
+    return false;
 }
 
 std::vector<SinkProfile::HDMIFormatSupport> SinkProfile::formatSupport() const {
     std::vector<HDMIFormatSupport> list;
     list.reserve(mModel.videoFormats.size());
     for (const VideoFormat& f : mModel.videoFormats) {
+        // Per encoding: the depths the sink declares and the link carries.
+        uint8_t flags[4] = {};
+        for (size_t i = 0; i < 4; ++i) {
+            for (auto [depth, flag] : {std::pair<uint8_t, uint8_t>(8, kFlag8Bit),
+                                       {10, kFlag10Bit},
+                                       {12, kFlag12Bit},
+                                       {16, kFlag16Bit}}) {
+                if (linkNeed(f.vic, kColorOrder[i], depth).carried()) flags[i] |= flag;
+            }
+        }
+        if ((flags[0] | flags[1] | flags[2] | flags[3]) == 0) continue;  // the link carries none
         HDMIFormatSupport s{};
         s.code = f.vic;
-        s.flags1 = encodingFlags(f, kEncodingRgb, f.depthRgb);
-        s.flags2 = encodingFlags(f, kEncodingYCbCr444, f.depthYCbCr444);
-        s.flags3 = encodingFlags(f, kEncodingYCbCr422, f.depthYCbCr422);
-        s.flags4 = encodingFlags(f, kEncodingYCbCr420, f.depthYCbCr420);
+        s.flags1 = flags[0];
+        s.flags2 = flags[1];
+        s.flags3 = flags[2];
+        s.flags4 = flags[3];
         s.flags5 = (f.native ? kFormatNative : 0) | (f.vic == mAutoVic ? kFormatPreferred : 0) |
                    (f.only420 ? kFormatOnly420 : 0) | (f.viaHdmiVic ? kFormatHdmiVic : 0) |
                    (f.interlaced ? kFormatInterlaced : 0);

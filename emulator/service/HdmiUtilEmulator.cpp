@@ -177,8 +177,26 @@ bool HdmiUtilEmulator::swapEdid(const std::vector<uint8_t>& edid, std::string* e
     SinkProfile sink;
     if (!SinkProfile::build(edid, &sink, error)) return false;
     Mutex::Autolock _l(mLock);
-    replaceSinkLocked(sink);
+    replaceSinkLocked(sink.withSource(mSink.link().source()));
     return true;
+}
+
+void HdmiUtilEmulator::setSourceLimits(const SourceLimits& source) {
+    Mutex::Autolock _l(mLock);
+    if (source == mSink.link().source()) return;
+    ALOGI("source limits now TMDS %u MHz, FRL %s", source.maxTmdsMhz,
+          LinkModel::frlRateName(source.maxFrlRate));
+    // The same sink seen through another link: the output is checked again.
+    mSink = mSink.withSource(source);
+    if (!mState.plugged || mState.current.mode == kModeOff) return;
+    OutputFormat next;
+    if (resolveLocked(mState.current, &next) != kResultOk) next = preferredFormatLocked();
+    applyLocked(next);
+}
+
+SourceLimits HdmiUtilEmulator::sourceLimits() const {
+    Mutex::Autolock _l(mLock);
+    return mSink.link().source();
 }
 
 void HdmiUtilEmulator::replaceSinkLocked(const SinkProfile& sink) {
@@ -208,12 +226,13 @@ int32_t HdmiUtilEmulator::resolveLocked(const OutputFormat& request, OutputForma
     }
     if (!mState.plugged) return kResultNoSink;
     if (!mState.hdmiEnabled) return kResultDisabled;
-    if (!mSink.takesVic(request.vic, propertyLocked(kPropIgnoreEdid) != 0)) {
-        return kResultUndeclaredVic;
-    }
+    const bool ignoreEdid = propertyLocked(kPropIgnoreEdid) != 0;
+    if (!mSink.takesVic(request.vic, ignoreEdid)) return kResultUndeclaredVic;
     if (!mSink.takesHdrMode(request.hdr)) return kResultUnsupported;
+    // The encoding and depth, within what the sink declares and the link carries.
     SinkProfile::Color color;
-    if (!mSink.resolveColor(request.vic, request.color, request.color_depth, request.hdr, &color)) {
+    if (!mSink.resolveColor(request.vic, request.color, request.color_depth, request.hdr, &color,
+                            ignoreEdid)) {
         return kResultUnsupported;
     }
     *out = request;
@@ -299,6 +318,10 @@ std::string HdmiUtilEmulator::reportLocked() const {
     appendf(&r, "  current format:   %s\n", formatText(s.current).c_str());
     appendf(&r, "  stored format:    %s\n", formatText(s.stored).c_str());
     appendf(&r, "  automatic VIC:    %u\n", mSink.autoVic());
+    const LinkModel& link = mSink.link();
+    appendf(&r, "  link: sink TMDS %u MHz, FRL %s; source TMDS %u MHz, FRL %s\n",
+            link.sinkTmdsMhz(), LinkModel::frlRateName(link.sinkFrlRate()),
+            link.source().maxTmdsMhz, LinkModel::frlRateName(link.source().maxFrlRate));
     appendf(&r, "  last flags:       0x%x\n", s.lastFlags);
     appendf(&r, "  declared VICs (%zu):", m.videoFormats.size());
     for (const VideoFormat& f : m.videoFormats) appendf(&r, " %u", f.vic);
@@ -479,7 +502,7 @@ Return<void> HdmiUtilEmulator::getColorSet(int32_t vic, int32_t color, int32_t d
         const bool anyVic = propertyLocked(kPropIgnoreEdid) != 0;
         if (mState.plugged && inRange && mSink.takesVic(static_cast<uint8_t>(vic), anyVic) &&
             mSink.resolveColor(static_cast<uint8_t>(vic), static_cast<uint8_t>(color),
-                               static_cast<uint8_t>(depth), kHdrModeSdr, &chosen)) {
+                               static_cast<uint8_t>(depth), kHdrModeSdr, &chosen, anyVic)) {
             answer = {chosen.color, chosen.depth};
             status = 1;
         }
@@ -501,6 +524,7 @@ Return<void> HdmiUtilEmulator::setFakeEDID(const FakeEdid& edid) {
     std::string error;
     const bool ok = SinkProfile::build(bytes, &sink, &error);
     Mutex::Autolock _l(mLock);
+    if (ok) sink = sink.withSource(mSink.link().source());
     if (!ok) {
         ALOGE("substitute EDID rejected: %s", error.c_str());
         mState.lastFakeEdidError = error;

@@ -18,6 +18,7 @@
 
 #include "EdidParser.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -46,92 +47,6 @@ constexpr uint32_t kOuiHdmi = 0x000C03;
 constexpr uint32_t kOuiHdmiForum = 0xC45DD8;
 constexpr uint32_t kOuiDolby = 0x00D046;
 constexpr uint32_t kOuiHdr10Plus = 0x90848B;
-
-constexpr PictureAspect k4x3 = PictureAspect::k4x3;
-constexpr PictureAspect k16x9 = PictureAspect::k16x9;
-constexpr PictureAspect k64x27 = PictureAspect::k64x27;
-constexpr PictureAspect k256x135 = PictureAspect::k256x135;
-
-// CTA-861 video formats. Rates are nominal: the 1000/1001 variants share the VIC.
-constexpr VicTiming kVicTable[] = {
-        {1, 640, 480, 60, false, k4x3},          {2, 720, 480, 60, false, k4x3},
-        {3, 720, 480, 60, false, k16x9},         {4, 1280, 720, 60, false, k16x9},
-        {5, 1920, 1080, 60, true, k16x9},        {6, 1440, 480, 60, true, k4x3},
-        {7, 1440, 480, 60, true, k16x9},         {8, 1440, 240, 60, false, k4x3},
-        {9, 1440, 240, 60, false, k16x9},        {10, 2880, 480, 60, true, k4x3},
-        {11, 2880, 480, 60, true, k16x9},        {12, 2880, 240, 60, false, k4x3},
-        {13, 2880, 240, 60, false, k16x9},       {14, 1440, 480, 60, false, k4x3},
-        {15, 1440, 480, 60, false, k16x9},       {16, 1920, 1080, 60, false, k16x9},
-        {17, 720, 576, 50, false, k4x3},         {18, 720, 576, 50, false, k16x9},
-        {19, 1280, 720, 50, false, k16x9},       {20, 1920, 1080, 50, true, k16x9},
-        {21, 1440, 576, 50, true, k4x3},         {22, 1440, 576, 50, true, k16x9},
-        {23, 1440, 288, 50, false, k4x3},        {24, 1440, 288, 50, false, k16x9},
-        {25, 2880, 576, 50, true, k4x3},         {26, 2880, 576, 50, true, k16x9},
-        {27, 2880, 288, 50, false, k4x3},        {28, 2880, 288, 50, false, k16x9},
-        {29, 1440, 576, 50, false, k4x3},        {30, 1440, 576, 50, false, k16x9},
-        {31, 1920, 1080, 50, false, k16x9},      {32, 1920, 1080, 24, false, k16x9},
-        {33, 1920, 1080, 25, false, k16x9},      {34, 1920, 1080, 30, false, k16x9},
-        {35, 2880, 480, 60, false, k4x3},        {36, 2880, 480, 60, false, k16x9},
-        {37, 2880, 576, 50, false, k4x3},        {38, 2880, 576, 50, false, k16x9},
-        {39, 1920, 1080, 50, true, k16x9},       {40, 1920, 1080, 100, true, k16x9},
-        {41, 1280, 720, 100, false, k16x9},      {42, 720, 576, 100, false, k4x3},
-        {43, 720, 576, 100, false, k16x9},       {44, 1440, 576, 100, true, k4x3},
-        {45, 1440, 576, 100, true, k16x9},       {46, 1920, 1080, 120, true, k16x9},
-        {47, 1280, 720, 120, false, k16x9},      {48, 720, 480, 120, false, k4x3},
-        {49, 720, 480, 120, false, k16x9},       {50, 1440, 480, 120, true, k4x3},
-        {51, 1440, 480, 120, true, k16x9},       {52, 720, 576, 200, false, k4x3},
-        {53, 720, 576, 200, false, k16x9},       {54, 1440, 576, 200, true, k4x3},
-        {55, 1440, 576, 200, true, k16x9},       {56, 720, 480, 240, false, k4x3},
-        {57, 720, 480, 240, false, k16x9},       {58, 1440, 480, 240, true, k4x3},
-        {59, 1440, 480, 240, true, k16x9},       {60, 1280, 720, 24, false, k16x9},
-        {61, 1280, 720, 25, false, k16x9},       {62, 1280, 720, 30, false, k16x9},
-        {63, 1920, 1080, 120, false, k16x9},     {64, 1920, 1080, 100, false, k16x9},
-        {65, 1280, 720, 24, false, k64x27},      {66, 1280, 720, 25, false, k64x27},
-        {67, 1280, 720, 30, false, k64x27},      {68, 1280, 720, 50, false, k64x27},
-        {69, 1280, 720, 60, false, k64x27},      {70, 1280, 720, 100, false, k64x27},
-        {71, 1280, 720, 120, false, k64x27},     {72, 1920, 1080, 24, false, k64x27},
-        {73, 1920, 1080, 25, false, k64x27},     {74, 1920, 1080, 30, false, k64x27},
-        {75, 1920, 1080, 50, false, k64x27},     {76, 1920, 1080, 60, false, k64x27},
-        {77, 1920, 1080, 100, false, k64x27},    {78, 1920, 1080, 120, false, k64x27},
-        {79, 1680, 720, 24, false, k64x27},      {80, 1680, 720, 25, false, k64x27},
-        {81, 1680, 720, 30, false, k64x27},      {82, 1680, 720, 50, false, k64x27},
-        {83, 1680, 720, 60, false, k64x27},      {84, 1680, 720, 100, false, k64x27},
-        {85, 1680, 720, 120, false, k64x27},     {86, 2560, 1080, 24, false, k64x27},
-        {87, 2560, 1080, 25, false, k64x27},     {88, 2560, 1080, 30, false, k64x27},
-        {89, 2560, 1080, 50, false, k64x27},     {90, 2560, 1080, 60, false, k64x27},
-        {91, 2560, 1080, 100, false, k64x27},    {92, 2560, 1080, 120, false, k64x27},
-        {93, 3840, 2160, 24, false, k16x9},      {94, 3840, 2160, 25, false, k16x9},
-        {95, 3840, 2160, 30, false, k16x9},      {96, 3840, 2160, 50, false, k16x9},
-        {97, 3840, 2160, 60, false, k16x9},      {98, 4096, 2160, 24, false, k256x135},
-        {99, 4096, 2160, 25, false, k256x135},   {100, 4096, 2160, 30, false, k256x135},
-        {101, 4096, 2160, 50, false, k256x135},  {102, 4096, 2160, 60, false, k256x135},
-        {103, 3840, 2160, 24, false, k64x27},    {104, 3840, 2160, 25, false, k64x27},
-        {105, 3840, 2160, 30, false, k64x27},    {106, 3840, 2160, 50, false, k64x27},
-        {107, 3840, 2160, 60, false, k64x27},    {108, 1280, 720, 48, false, k16x9},
-        {109, 1280, 720, 48, false, k64x27},     {110, 1680, 720, 48, false, k64x27},
-        {111, 1920, 1080, 48, false, k16x9},     {112, 1920, 1080, 48, false, k64x27},
-        {113, 2560, 1080, 48, false, k64x27},    {114, 3840, 2160, 48, false, k16x9},
-        {115, 4096, 2160, 48, false, k256x135},  {116, 3840, 2160, 48, false, k64x27},
-        {117, 3840, 2160, 100, false, k16x9},    {118, 3840, 2160, 120, false, k16x9},
-        {119, 3840, 2160, 100, false, k64x27},   {120, 3840, 2160, 120, false, k64x27},
-        {121, 5120, 2160, 24, false, k64x27},    {122, 5120, 2160, 25, false, k64x27},
-        {123, 5120, 2160, 30, false, k64x27},    {124, 5120, 2160, 48, false, k64x27},
-        {125, 5120, 2160, 50, false, k64x27},    {126, 5120, 2160, 60, false, k64x27},
-        {127, 5120, 2160, 100, false, k64x27},   {193, 5120, 2160, 120, false, k64x27},
-        {194, 7680, 4320, 24, false, k16x9},     {195, 7680, 4320, 25, false, k16x9},
-        {196, 7680, 4320, 30, false, k16x9},     {197, 7680, 4320, 48, false, k16x9},
-        {198, 7680, 4320, 50, false, k16x9},     {199, 7680, 4320, 60, false, k16x9},
-        {200, 7680, 4320, 100, false, k16x9},    {201, 7680, 4320, 120, false, k16x9},
-        {202, 7680, 4320, 24, false, k64x27},    {203, 7680, 4320, 25, false, k64x27},
-        {204, 7680, 4320, 30, false, k64x27},    {205, 7680, 4320, 48, false, k64x27},
-        {206, 7680, 4320, 50, false, k64x27},    {207, 7680, 4320, 60, false, k64x27},
-        {208, 7680, 4320, 100, false, k64x27},   {209, 7680, 4320, 120, false, k64x27},
-        {210, 10240, 4320, 24, false, k64x27},   {211, 10240, 4320, 25, false, k64x27},
-        {212, 10240, 4320, 30, false, k64x27},   {213, 10240, 4320, 48, false, k64x27},
-        {214, 10240, 4320, 50, false, k64x27},   {215, 10240, 4320, 60, false, k64x27},
-        {216, 10240, 4320, 100, false, k64x27},  {217, 10240, 4320, 120, false, k64x27},
-        {218, 4096, 2160, 100, false, k256x135}, {219, 4096, 2160, 120, false, k256x135},
-};
 
 // Established timings I and II (bytes 35..37 of the base block), most significant bit first.
 struct EstablishedTiming {
@@ -196,7 +111,8 @@ class Parser {
     void warn(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     const uint8_t* block(size_t index) const { return mData + index * kBlockSize; }
-    bool checkBlock(size_t index);
+    unsigned blockSum(size_t index) const;
+    bool keepExtension(size_t index);
     int findEeodbCount(const uint8_t* cta) const;
 
     void parseBase();
@@ -205,7 +121,9 @@ class Parser {
     void addDetailedTiming(const uint8_t* d, size_t blockIndex);
     void checkBlockMap(size_t blockCount);
 
-    bool parseCta(size_t index);
+    void parseCta(size_t index);
+    void parseDataBlocks(const uint8_t* b, size_t start, size_t end, size_t blockIndex);
+    void parseDisplayId(size_t index);
     void parseDataBlock(uint8_t tag, Payload p, size_t blockIndex, size_t offset);
     void parseHdmiVsdb(Payload p);
     void parseHdmiForum(Payload p, bool fromScdb);
@@ -243,17 +161,34 @@ void Parser::warn(const char* format, ...) {
     va_end(args);
 }
 
-bool Parser::checkBlock(size_t index) {
+unsigned Parser::blockSum(size_t index) const {
     const uint8_t* b = block(index);
     unsigned sum = 0;
     for (size_t i = 0; i < kBlockSize; ++i) sum += b[i];
-    if ((sum & 0xFF) != 0) {
-        return fail("block %zu: checksum mismatch (sum 0x%02x)", index, sum & 0xFF);
+    return sum & 0xFF;
+}
+
+// Whether extension `index` is worth reading. As the kernel's DRM does: a CTA-861 block with a
+// bad checksum is kept (many TVs ship one), any other block with one is dropped, and so is a
+// copy of the base block or of an earlier extension (a read that wrapped around).
+bool Parser::keepExtension(size_t index) {
+    const uint8_t* b = block(index);
+    if (memcmp(b, kHeader, sizeof(kHeader)) == 0) {
+        warn("block %zu: repeats the base block (the read wrapped around); dropped", index);
+        return false;
     }
-    // A second copy of the base block where an extension should be is what a reader that
-    // ignores the E-DDC segment pointer gets: the data after it is not this sink's.
-    if (index > 0 && memcmp(b, kHeader, sizeof(kHeader)) == 0) {
-        return fail("block %zu: repeats the base block header (the read wrapped around)", index);
+    for (size_t earlier = 1; earlier < index; ++earlier) {
+        if (memcmp(b, block(earlier), kBlockSize) == 0) {
+            warn("block %zu: repeats block %zu; dropped", index, earlier);
+            return false;
+        }
+    }
+    if (unsigned sum = blockSum(index); sum != 0) {
+        if (b[0] != kBlockTagCta) {
+            warn("block %zu: checksum mismatch (sum 0x%02x); dropped", index, sum);
+            return false;
+        }
+        warn("block %zu: checksum mismatch (sum 0x%02x); CTA-861 block kept", index, sum);
     }
     return true;
 }
@@ -287,7 +222,9 @@ bool Parser::run(std::string* error) {
                     "00 ff ff ff ff ff ff 00",
                     mData[0], mData[1], mData[2], mData[3], mData[4], mData[5], mData[6], mData[7]);
         }
-        if (!checkBlock(0)) return false;
+        if (unsigned sum = blockSum(0); sum != 0) {
+            return fail("block 0: checksum mismatch (sum 0x%02x)", sum);
+        }
         if (mData[18] != 1) {
             return fail("unsupported EDID version %u.%u", mData[18], mData[19]);
         }
@@ -296,7 +233,6 @@ bool Parser::run(std::string* error) {
         // and give the real count in the HF-EEODB of the first CTA-861 block.
         size_t extensions = mData[126];
         if (extensions >= 1 && mSize >= 2 * kBlockSize && block(1)[0] == kBlockTagCta) {
-            if (!checkBlock(1)) return false;
             int count = findEeodbCount(block(1));
             if (count > 0) {
                 extensions = static_cast<size_t>(count);
@@ -307,15 +243,13 @@ bool Parser::run(std::string* error) {
         }
         size_t blockCount = extensions + 1;
         if (mSize < blockCount * kBlockSize) {
-            return fail("truncated: %zu bytes, %zu blocks declared%s", mSize, blockCount,
-                        mModel->eeodbPresent ? " by the HF-EEODB" : "");
-        }
-        if (mSize > blockCount * kBlockSize) {
+            // A capture that stopped early: the blocks it holds are used.
+            warn("truncated: %zu bytes, %zu blocks declared%s; using the %zu present", mSize,
+                 blockCount, mModel->eeodbPresent ? " by the HF-EEODB" : "", mSize / kBlockSize);
+            blockCount = mSize / kBlockSize;
+        } else if (mSize > blockCount * kBlockSize) {
             warn("%zu bytes after the last of %zu blocks ignored", mSize - blockCount * kBlockSize,
                  blockCount);
-        }
-        for (size_t i = 1; i < blockCount; ++i) {
-            if (!checkBlock(i)) return false;
         }
 
         mModel->blockTags.push_back(kBlockTagBase);
@@ -323,13 +257,17 @@ bool Parser::run(std::string* error) {
         for (size_t i = 1; i < blockCount; ++i) {
             uint8_t tag = block(i)[0];
             mModel->blockTags.push_back(tag);
+            if (!keepExtension(i)) {
+                mModel->droppedBlocks.push_back(static_cast<uint8_t>(i));
+                continue;
+            }
             switch (tag) {
                 case kBlockTagCta:
-                    if (!parseCta(i)) return false;
+                    parseCta(i);
                     break;
                 case kBlockTagDisplayId:
-                    // Its timings repeat what the CTA-861 blocks say for HDMI purposes.
                     mModel->displayIdBlockCount++;
+                    parseDisplayId(i);
                     break;
                 case kBlockTagBlockMap:
                     break;
@@ -392,10 +330,10 @@ void Parser::parseBase() {
 
 void Parser::parseDescriptor(const uint8_t* d) {
     switch (d[3]) {
-        case 0xFC:  // display product name, ended by a line feed and padded with spaces
+        case 0xFC:  // display product name, ended by a line feed (or a NUL) and padded with spaces
             if (mModel->monitorName.empty()) {
                 std::string name;
-                for (size_t i = 5; i < 18 && d[i] != 0x0A; ++i) {
+                for (size_t i = 5; i < 18 && d[i] != 0x0A && d[i] != 0x00; ++i) {
                     name += (d[i] >= 0x20 && d[i] < 0x7F) ? static_cast<char>(d[i]) : '?';
                 }
                 while (!name.empty() && name.back() == ' ') name.pop_back();
@@ -444,6 +382,7 @@ void Parser::addDetailedTiming(const uint8_t* d, size_t blockIndex) {
     t.imageWidthMm = static_cast<uint16_t>(d[12] | (d[14] & 0xF0) << 4);
     t.imageHeightMm = static_cast<uint16_t>(d[13] | (d[14] & 0x0F) << 8);
     t.interlaced = (d[17] & 0x80) != 0;
+    t.vBorder = d[16];
     t.hTotal = static_cast<uint16_t>(t.width + hBlank);
     t.vTotal = static_cast<uint16_t>(vActive + vBlank);
     t.height = static_cast<uint16_t>(t.interlaced ? vActive * 2 : vActive);
@@ -478,13 +417,19 @@ void Parser::checkBlockMap(size_t blockCount) {
 // ------------------------------------------------------------------------------------------
 // CTA-861 blocks
 
-bool Parser::parseCta(size_t index) {
+void Parser::parseCta(size_t index) {
     const uint8_t* b = block(index);
     uint8_t revision = b[1];
     uint8_t dtdOffset = b[2];
-    if (revision == 0) return fail("block %zu: CTA-861 revision 0 is not valid", index);
+    if (revision == 0) {
+        warn("block %zu: CTA-861 revision 0 is not valid; dropped", index);
+        mModel->droppedBlocks.push_back(static_cast<uint8_t>(index));
+        return;
+    }
     if ((dtdOffset != 0 && dtdOffset < 4) || dtdOffset >= kBlockSize) {
-        return fail("block %zu: DTD offset %u out of range (0 or 4..127)", index, dtdOffset);
+        warn("block %zu: DTD offset %u out of range (0 or 4..127); dropped", index, dtdOffset);
+        mModel->droppedBlocks.push_back(static_cast<uint8_t>(index));
+        return;
     }
     if (revision > 3) warn("block %zu: CTA-861 revision %u read as revision 3", index, revision);
 
@@ -504,21 +449,7 @@ bool Parser::parseCta(size_t index) {
     }
 
     // Data blocks exist from revision 3 on, between byte 4 and the DTD offset.
-    if (revision >= 3 && dtdOffset > 4) {
-        size_t offset = 4;
-        while (offset < dtdOffset) {
-            uint8_t tag = b[offset] >> 5;
-            size_t length = b[offset] & 0x1F;
-            if (offset + 1 + length > dtdOffset) {
-                return fail(
-                        "block %zu: data block at byte %zu (tag %u, length %zu) runs past "
-                        "the DTD offset %u",
-                        index, offset, tag, length, dtdOffset);
-            }
-            parseDataBlock(tag, Payload(b + offset + 1, length), index, offset);
-            offset += 1 + length;
-        }
-    }
+    if (revision >= 3 && dtdOffset > 4) parseDataBlocks(b, 4, dtdOffset, index);
 
     if (dtdOffset != 0) {
         for (size_t offset = dtdOffset; offset + 18 <= kBlockSize - 1; offset += 18) {
@@ -526,7 +457,41 @@ bool Parser::parseCta(size_t index) {
             addDetailedTiming(b + offset, index);
         }
     }
-    return true;
+}
+
+// The CTA-861 data blocks in bytes start..end of a block. One that runs past `end` is cut there,
+// as a source reads it: what fits is used.
+void Parser::parseDataBlocks(const uint8_t* b, size_t start, size_t end, size_t blockIndex) {
+    for (size_t offset = start; offset < end;) {
+        uint8_t tag = b[offset] >> 5;
+        size_t length = b[offset] & 0x1F;
+        if (offset + 1 + length > end) {
+            warn("block %zu: data block at byte %zu (tag %u, length %zu) runs past byte %zu; cut "
+                 "there",
+                 blockIndex, offset, tag, length, end);
+            length = end - offset - 1;
+        }
+        parseDataBlock(tag, Payload(b + offset + 1, length), blockIndex, offset);
+        offset += 1 + length;
+    }
+}
+
+// A DisplayID extension: a section (byte 1 version, byte 2 payload length, bytes 3..4 product
+// type and extension count) of data blocks, each a tag, a revision and a length. Its timings
+// repeat the CTA-861 blocks' for HDMI purposes; the CTA-861 data blocks it may carry (tag 0x81)
+// are read as those of a CTA-861 block.
+void Parser::parseDisplayId(size_t index) {
+    constexpr uint8_t kDisplayIdCtaBlock = 0x81;
+    const uint8_t* b = block(index);
+    // The section's own checksum byte follows its payload; byte 127 is the EDID block's.
+    const size_t end = std::min<size_t>(5 + b[2], kBlockSize - 2);
+    for (size_t offset = 5; offset + 3 <= end;) {
+        const uint8_t tag = b[offset];
+        const size_t length = std::min<size_t>(b[offset + 2], end - offset - 3);
+        if (tag == 0) break;  // padding
+        if (tag == kDisplayIdCtaBlock) parseDataBlocks(b, offset + 3, offset + 3 + length, index);
+        offset += 3 + length;
+    }
 }
 
 void Parser::parseDataBlock(uint8_t tag, Payload p, size_t blockIndex, size_t offset) {
@@ -809,12 +774,12 @@ uint8_t Parser::matchVic(const DetailedTiming& t) const {
     };
     const VicTiming* best = nullptr;
     bool bestDeclared = false;
-    for (const VicTiming& v : kVicTable) {
-        if (v.width != t.width || v.height != t.height || v.interlaced != t.interlaced) continue;
+    EdidParser::forEachVic([&](const VicTiming& v) {
+        if (v.width != t.width || v.height != t.height || v.interlaced != t.interlaced) return;
         uint64_t nominal = static_cast<uint64_t>(v.refreshHz) * 1000;
         uint64_t diff = nominal > t.refreshMilliHz ? nominal - t.refreshMilliHz
                                                    : t.refreshMilliHz - nominal;
-        if (diff * 500 > nominal) continue;  // more than 0.2% away
+        if (diff * 500 > nominal) return;  // more than 0.2% away
         bool declared = false;
         for (const VideoFormat& f : mModel->videoFormats) declared = declared || f.vic == v.vic;
         if (best == nullptr || (declared && !bestDeclared) ||
@@ -822,7 +787,7 @@ uint8_t Parser::matchVic(const DetailedTiming& t) const {
             best = &v;
             bestDeclared = declared;
         }
-    }
+    });
     return best != nullptr ? best->vic : 0;
 }
 
@@ -846,13 +811,6 @@ bool EdidParser::parse(const uint8_t* data, size_t size, SinkModel* model, std::
 
 bool EdidParser::parse(const std::vector<uint8_t>& edid, SinkModel* model, std::string* error) {
     return parse(edid.data(), edid.size(), model, error);
-}
-
-const VicTiming* EdidParser::findVic(uint8_t vic) {
-    for (const VicTiming& v : kVicTable) {
-        if (v.vic == vic) return &v;
-    }
-    return nullptr;
 }
 
 }  // namespace mirova::emulator

@@ -109,6 +109,11 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     // Replaces the TV's EDID; false with the parser's message when malformed.
     bool swapEdid(const std::vector<uint8_t>& edid, std::string* error) EXCLUDES(mLock);
 
+    // The source's side of the link (SourceLimits' defaults until set). A
+    // change re-checks the current format against the new link.
+    void setSourceLimits(const SourceLimits& source) EXCLUDES(mLock);
+    SourceLimits sourceLimits() const EXCLUDES(mLock);
+
     State state() const EXCLUDES(mLock);
     SinkProfile sink() const EXCLUDES(mLock);
     std::vector<ServiceClient> clients() const;

@@ -16,8 +16,9 @@
 
 // Turns the raw EDID of an emulated sink into a plain description of what the sink can do.
 // The emulated HDMI service answers every capability query from this description, so the
-// parser reads the base block, CTA-861 extensions (with the HDMI and HDMI Forum vendor blocks)
-// and counts whatever other extension blocks the EDID carries. It never trusts a length or a
+// parser reads the base block, CTA-861 extensions (with the HDMI and HDMI Forum vendor blocks),
+// the CTA-861 data blocks of DisplayID extensions, and counts whatever other extension blocks the
+// EDID carries. It never trusts a length or a
 // count it has not checked against the bytes it was given.
 
 #pragma once
@@ -25,6 +26,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -65,6 +67,7 @@ struct VicTiming {
     uint16_t refreshHz;  // nominal frame rate, or field rate when interlaced
     bool interlaced;
     PictureAspect aspect;
+    uint32_t pixelClockKhz;  // at the nominal rate
 };
 
 // A detailed timing descriptor, from the base block or a CTA-861 block.
@@ -79,7 +82,8 @@ struct DetailedTiming {
     bool interlaced = false;
     uint16_t imageWidthMm = 0;
     uint16_t imageHeightMm = 0;
-    uint8_t block = 0;  // index of the EDID block it came from
+    uint8_t vBorder = 0;  // lines of border above and below the picture
+    uint8_t block = 0;    // index of the EDID block it came from
 };
 
 // A timing of the base block's established or standard timing lists.
@@ -161,8 +165,9 @@ struct SinkModel {
     // Structure.
     uint8_t edidVersion = 0;
     uint8_t edidRevision = 0;
-    std::vector<uint8_t> blockTags;  // one per block, block 0 first (kBlockTag*)
-    bool eeodbPresent = false;       // the block count came from an HF-EEODB
+    std::vector<uint8_t> blockTags;      // one per block read, block 0 first (kBlockTag*)
+    std::vector<uint8_t> droppedBlocks;  // indexes of the blocks not used (see warnings)
+    bool eeodbPresent = false;           // the block count came from an HF-EEODB
     int ctaBlockCount = 0;
     int displayIdBlockCount = 0;
 
@@ -213,14 +218,18 @@ struct SinkModel {
 
 class EdidParser {
   public:
-    // Parses raw EDID bytes. On success fills *model and returns true. On failure returns false,
-    // leaves *model default-constructed and puts a message naming the fault into *error, such as
-    // "block 1: checksum mismatch (sum 0x3c)" or "truncated: 200 bytes, 2 blocks declared".
+    // Parses raw EDID bytes as tolerantly as a real source reads them: faults in the extension
+    // blocks cost those blocks or the bytes at fault, with a warning each. Only an unusable base
+    // block fails: false, *model left default-constructed and a message naming the fault in
+    // *error, such as "block 0: checksum mismatch (sum 0x3c)" or "truncated: 100 bytes, the base
+    // block needs 128".
     static bool parse(const uint8_t* data, size_t size, SinkModel* model, std::string* error);
     static bool parse(const std::vector<uint8_t>& edid, SinkModel* model, std::string* error);
 
     // The CTA-861 table row of a VIC, or nullptr for a code the table does not hold.
     static const VicTiming* findVic(uint8_t vic);
+    // Calls `visit` with every row of the table, in code order.
+    static void forEachVic(const std::function<void(const VicTiming&)>& visit);
 };
 
 }  // namespace mirova::emulator

@@ -31,6 +31,9 @@ namespace mirova::emulator {
 // HDMIFormatSupport: one entry per VIC the sink declares.
 //
 //   code    the VIC
+// Only formats the link carries are listed, each with the depths it carries
+// (emulator/link/, docs/AUTO_FORMAT.md).
+//
 //   flags1  RGB              \  each: kFlag8Bit when the format can be sent in
 //   flags2  YCbCr 4:4:4       | that encoding, plus kFlag10Bit / kFlag12Bit /
 //   flags3  YCbCr 4:2:2       | kFlag16Bit for the deep colour depths the sink
@@ -146,7 +149,8 @@ constexpr int32_t kResultOk = 0;
 constexpr int32_t kResultNoSink = -19;         // nothing plugged
 constexpr int32_t kResultUndeclaredVic = -22;  // the sink does not declare the VIC
 constexpr int32_t kResultDisabled = -38;       // output disabled by setHDMIEnable(0)
-constexpr int32_t kResultUnsupported = -95;    // colour, depth or HDR mode not taken there
+constexpr int32_t kResultUnsupported = -95;    // colour, depth or HDR mode not taken there,
+                                               // or more than the link carries
 // Answer to a code the service does not know (checkHDRModeSupported, processHDMIDebugCmd).
 constexpr int32_t kResultBadArgument = -22;
 
@@ -154,8 +158,9 @@ constexpr int32_t kResultBadArgument = -22;
 // unplugged or disabled). readOutputFormat answers the stored format, at first
 // {kModeOn, kVicAuto, 0, kColorAuto, kDepthAuto, 0, kHdrModeSdr, 0}; at every
 // plug the output takes it when the sink does, else the automatic format.
-// getResolvedAutoOutputFormat: the sink's preferred timing in the first
-// encoding it takes (RGB first) at 8 bits, SDR; refused while unplugged.
+// getResolvedAutoOutputFormat: the SDR automatic format of docs/AUTO_FORMAT.md
+// (the preferred timing when the link carries it, in the first encoding that
+// carries 8 bits, RGB first); refused while unplugged.
 // Without a plugged sink getEDIDRawData, getEDIDSupportList, getTVCapInfo and
 // getHDRSupportList are refused (status 0) too.
 // isOutputFormatSupported: 1 supported, 0 not.

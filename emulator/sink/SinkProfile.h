@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "EdidParser.h"
+#include "LinkModel.h"
 
 namespace mirova::emulator {
 
@@ -44,26 +45,43 @@ class SinkProfile {
 
     SinkProfile() = default;
 
-    // Parses `edid`. On failure returns false and names the fault in *error,
-    // prefixed with "malformed EDID: ".
-    static bool build(const std::vector<uint8_t>& edid, SinkProfile* profile, std::string* error);
+    // Parses `edid`, for a sink behind a source with `source`'s limits. On
+    // failure returns false and names the fault in *error, prefixed with
+    // "malformed EDID: ".
+    static bool build(const std::vector<uint8_t>& edid, SinkProfile* profile, std::string* error,
+                      const SourceLimits& source = SourceLimits());
+    // The same sink behind a source with other limits.
+    SinkProfile withSource(const SourceLimits& source) const;
 
     const SinkModel& model() const { return mModel; }
     const std::vector<uint8_t>& edid() const { return mEdid; }
+    const LinkModel& link() const { return mLink; }
+
+    // The pixel clock of `vic`'s timing (of the preferred timing for
+    // kVicAuto's 0 when it has no VIC); 0 when unknown.
+    uint32_t pixelClockKhz(uint8_t vic) const;
+    // What the link needs for `vic` sent in the kColor* `color` at `depth`
+    // bits, and whether it carries it. With `sourceOnly` only the source's
+    // limits count (the EDID is being ignored).
+    LinkNeed linkNeed(uint8_t vic, uint8_t color, uint8_t depth, bool sourceOnly = false) const;
 
     std::vector<HDMIFormatSupport> formatSupport() const;
     TVCapInfo capInfo() const;
     std::vector<int32_t> hdrList() const;
 
-    // The VIC the automatic setting resolves to: the preferred timing's VIC,
-    // else the best declared one; 0 when neither exists.
+    // The VIC the automatic setting resolves to: the preferred timing's VIC
+    // when the link carries it, else the best declared one it carries; 0 for
+    // a preferred timing without a VIC, or when nothing is carried.
     uint8_t autoVic() const { return mAutoVic; }
     // A declared VIC, the preferred timing's VIC or kVicAuto. With
     // `anyKnownVic` (the ignore-EDID property) any VIC of the CTA-861 table.
     bool takesVic(uint8_t vic, bool anyKnownVic) const;
     // The encoding and depth sent for a request on `vic` (kColorAuto and
-    // kDepthAuto resolved); false when the sink cannot take it.
-    bool resolveColor(uint8_t vic, uint8_t color, uint8_t depth, uint8_t hdrMode, Color* out) const;
+    // kDepthAuto resolved as docs/AUTO_FORMAT.md describes); false when the
+    // sink cannot take it or the link cannot carry it. `sourceOnly` as for
+    // linkNeed().
+    bool resolveColor(uint8_t vic, uint8_t color, uint8_t depth, uint8_t hdrMode, Color* out,
+                      bool sourceOnly = false) const;
     bool takesHdrMode(int32_t hdrMode) const;
 
     bool dolbyVision() const { return mModel.dolbyVision; }
@@ -76,8 +94,11 @@ class SinkProfile {
     // timing's undeclared VIC what the CTA header and HDMI VSDB allow.
     VideoFormat formatOf(uint8_t vic) const;
     uint8_t pickAutoVic() const;
+    // Whether the link carries `vic` at 8 bits in any encoding.
+    bool carriedAt8(uint8_t vic) const;
 
     SinkModel mModel;
+    LinkModel mLink;
     std::vector<uint8_t> mEdid;
     uint8_t mAutoVic = 0;
 };
