@@ -33,7 +33,13 @@ using ::android::hardware::hidl_handle;
 using ::android::hardware::hidl_string;
 using ::android::hardware::Return;
 using ::android::hardware::Void;
+using ::vendor::mirova::hdmiutil::common::V1_0::ColorSet;
+using ::vendor::mirova::hdmiutil::common::V1_0::EDIDData;
+using ::vendor::mirova::hdmiutil::common::V1_0::EDIDSupportList;
+using ::vendor::mirova::hdmiutil::common::V1_0::HDRList;
 using ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo;
+using ::vendor::mirova::hdmiutil::common::V1_0::OutputFormat;
+using ::vendor::mirova::hdmiutil::common::V1_0::TVCapInfo;
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
 

@@ -124,7 +124,7 @@ sp<NullHdmiUtil> gService;
 
 void startLibrary() {
     gService = new NullHdmiUtil();
-    gService->registerAsService("default");
+    if (gService->registerAsService("default") != ::android::OK) abort();
     property_set("vendor.mirova.hdmi.service.start", "1");
     hdmi_createLib(nullptr, nullptr);
     hdmi_setCallback();

@@ -256,7 +256,7 @@ void restartService() {
     killService(IHdmiUtil::descriptor, "default");
     waitForDeathNotifications();
     gService->forgetRegistration();
-    gService->registerAsService("default");
+    if (gService->registerAsService("default") != ::android::OK) abort();
 }
 
 HDRContentTopo_t anyTopology(FuzzedDataProvider& input) {
@@ -681,7 +681,7 @@ void startLibrary(Script* script) {
 
     gService = new ScriptedHdmiUtil(script);
     gService->incStrong(nullptr);  // kept for the process: late calls may still reach it
-    gService->registerAsService("default");
+    if (gService->registerAsService("default") != ::android::OK) abort();
     property_set("vendor.mirova.hdmi.service.start", "1");
 
     hdmi_createLib(&gCallbackA, &gCallback2A);

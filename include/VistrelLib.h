@@ -267,8 +267,8 @@ class Vistrel : public ::android::RefBase {
   private:
     friend class HdmiControl;
 
-    using FormatRead = ::android::hardware::Return<void> (IHdmiUtil::*)(
-            std::function<void(int32_t, const IHdmiUtil::OutputFormat&)>);
+    using FormatRead =
+            ::android::hardware::Return<void> (IHdmiUtil::*)(IHdmiUtil::readOutputFormat_cb);
 
     // This object's service client, for the paths that run without mLock.
     HdmiControl* control();

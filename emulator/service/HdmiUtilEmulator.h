@@ -51,6 +51,13 @@ namespace mirova::emulator {
 
 class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil {
   public:
+    using OutputFormat = ::vendor::mirova::hdmiutil::common::V1_0::OutputFormat;
+    using hHDRContentTopo = ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo;
+    using EDIDData = ::vendor::mirova::hdmiutil::common::V1_0::EDIDData;
+    using EDIDSupportList = ::vendor::mirova::hdmiutil::common::V1_0::EDIDSupportList;
+    using ColorSet = ::vendor::mirova::hdmiutil::common::V1_0::ColorSet;
+    using HDRList = ::vendor::mirova::hdmiutil::common::V1_0::HDRList;
+    using TVCapInfo = ::vendor::mirova::hdmiutil::common::V1_0::TVCapInfo;
     using IHdmiUtilCallback = ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
     template <typename T>
     using Return = ::android::hardware::Return<T>;

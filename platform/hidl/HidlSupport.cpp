@@ -141,7 +141,13 @@ namespace V1_0 {
 
 const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
 
-// The callback is taken by value, as in the generated interface.
+// The callbacks are taken by value, as the generated interface declares them.
+::android::hardware::Return<void> IBase::interfaceChain(
+        interfaceChain_cb _hidl_cb) {  // NOLINT(performance-unnecessary-value-param)
+    _hidl_cb({::android::hardware::hidl_string(descriptor)});
+    return ::android::hardware::Void();
+}
+
 ::android::hardware::Return<void> IBase::interfaceDescriptor(
         interfaceDescriptor_cb _hidl_cb) {  // NOLINT(performance-unnecessary-value-param)
     _hidl_cb(descriptor);
@@ -152,16 +158,22 @@ const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
     return ::android::hardware::Void();
 }
 
-// A local object cannot die apart from its own process: nothing to link.
+// A local object cannot die apart from its own process: a link always holds
+// and is never used, as in the real runtime.
 ::android::hardware::Return<bool> IBase::linkToDeath(
-        const ::android::sp<::android::hardware::hidl_death_recipient>& /*recipient*/,
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient,
         uint64_t /*cookie*/) {
-    return false;
+    return recipient != nullptr;
 }
 
 ::android::hardware::Return<bool> IBase::unlinkToDeath(
-        const ::android::sp<::android::hardware::hidl_death_recipient>& /*recipient*/) {
-    return false;
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) {
+    return recipient != nullptr;
+}
+
+::android::hardware::Return<::android::sp<IBase>> IBase::castFrom(
+        const ::android::sp<IBase>& parent, bool /*emitError*/) {
+    return parent;
 }
 
 }  // namespace V1_0

@@ -15,8 +15,10 @@
  */
 
 // The interface library of vendor.mirova.hdmiutil.provider@1.0 on the host:
-// descriptors, service lookup and registration, and the proxy that stands
-// for the binder between a client and the service.
+// what the generated headers declare and leave to the library (descriptors,
+// the IBase methods of local objects, checked casts, service lookup and
+// registration), and the proxy that stands for the binder between a client
+// and the service.
 
 #define LOG_TAG "vendor.mirova.hdmiutil.provider@1.0"
 
@@ -40,14 +42,43 @@ using ::android::hardware::hidl_array;
 using ::android::hardware::hidl_death_recipient;
 using ::android::hardware::hidl_handle;
 using ::android::hardware::hidl_string;
+using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::host::ServiceEntry;
+using ::android::hidl::base::V1_0::IBase;
+using ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo;
+using ::vendor::mirova::hdmiutil::common::V1_0::OutputFormat;
 
 const char* IHdmiUtil::descriptor = "vendor.mirova.hdmiutil.provider@1.0::IHdmiUtil";
 const char* IHdmiUtilCallback::descriptor =
         "vendor.mirova.hdmiutil.provider@1.0::IHdmiUtilCallback";
 
 namespace {
+
+// The checked cast of the generated castFrom(): the object's interface chain
+// must name the target interface. A proxy whose service has died fails in
+// transport, as the chain cannot be asked for.
+template <typename IChild>
+Return<sp<IChild>> castInterface(const sp<IBase>& parent, bool emitError) {
+    if (parent == nullptr) return sp<IChild>(nullptr);
+    bool found = false;
+    Return<void> asked = parent->interfaceChain([&found](const hidl_vec<hidl_string>& chain) {
+        for (const hidl_string& name : chain) {
+            if (name == IChild::descriptor) found = true;
+        }
+    });
+    if (!asked.isOk()) {
+        if (emitError) ALOGE("castFrom: %s", asked.description().c_str());
+        return ::android::hardware::host::deadObjectStatus();
+    }
+    if (!found) return sp<IChild>(nullptr);
+    return sp<IChild>(static_cast<IChild*>(parent.get()));
+}
+
+Return<void> answerChain(const char* descriptor, IBase::interfaceChain_cb& cb) {
+    cb({hidl_string(descriptor), hidl_string(IBase::descriptor)});
+    return ::android::hardware::Void();
+}
 
 // The client's end of the connection. While the service lives, each call
 // reaches it as one transaction; after its death every call fails in
@@ -68,6 +99,14 @@ class BpHwHdmiUtil : public IHdmiUtil {
     Return<void> ping() override {
         if (!mEntry->isAlive()) return ::android::hardware::host::deadObjectStatus();
         return ::android::hardware::Void();
+    }
+    Return<void> interfaceChain(interfaceChain_cb cb) override {
+        if (!mEntry->isAlive()) return ::android::hardware::host::deadObjectStatus();
+        return mService->interfaceChain(cb);
+    }
+    Return<void> interfaceDescriptor(interfaceDescriptor_cb cb) override {
+        if (!mEntry->isAlive()) return ::android::hardware::host::deadObjectStatus();
+        return mService->interfaceDescriptor(cb);
     }
 
 // Forwards one call to the live service, or fails it as a dead binder does.
@@ -253,6 +292,33 @@ sp<IHdmiUtil> proxyFor(const std::shared_ptr<ServiceEntry>& entry) {
 
 }  // namespace
 
+// The IBase methods as a local object answers them; a proxy overrides the
+// ones that reach the far end.
+Return<void> IHdmiUtil::interfaceChain(interfaceChain_cb _hidl_cb) {
+    return answerChain(descriptor, _hidl_cb);
+}
+Return<void> IHdmiUtil::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
+    _hidl_cb(descriptor);
+    return ::android::hardware::Void();
+}
+Return<void> IHdmiUtil::ping() {
+    return ::android::hardware::Void();
+}
+Return<bool> IHdmiUtil::linkToDeath(const sp<hidl_death_recipient>& recipient,
+                                    uint64_t /*cookie*/) {
+    return recipient != nullptr;
+}
+Return<bool> IHdmiUtil::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
+    return recipient != nullptr;
+}
+
+Return<sp<IHdmiUtil>> IHdmiUtil::castFrom(const sp<IHdmiUtil>& parent, bool /*emitError*/) {
+    return parent;
+}
+Return<sp<IHdmiUtil>> IHdmiUtil::castFrom(const sp<IBase>& parent, bool emitError) {
+    return castInterface<IHdmiUtil>(parent, emitError);
+}
+
 sp<IHdmiUtil> IHdmiUtil::tryGetService(const std::string& serviceName, bool /*getStub*/) {
     return proxyFor(::android::hardware::host::findService(descriptor, serviceName));
 }
@@ -267,6 +333,33 @@ sp<IHdmiUtil> IHdmiUtil::getService(const std::string& serviceName, bool /*getSt
 
 ::android::status_t IHdmiUtil::registerAsService(const std::string& serviceName) {
     return ::android::hardware::host::registerService(descriptor, serviceName, this);
+}
+
+// Callbacks travel as local objects in this process: no proxy, no registration.
+Return<void> IHdmiUtilCallback::interfaceChain(interfaceChain_cb _hidl_cb) {
+    return answerChain(descriptor, _hidl_cb);
+}
+Return<void> IHdmiUtilCallback::interfaceDescriptor(interfaceDescriptor_cb _hidl_cb) {
+    _hidl_cb(descriptor);
+    return ::android::hardware::Void();
+}
+Return<void> IHdmiUtilCallback::ping() {
+    return ::android::hardware::Void();
+}
+Return<bool> IHdmiUtilCallback::linkToDeath(const sp<hidl_death_recipient>& recipient,
+                                            uint64_t /*cookie*/) {
+    return recipient != nullptr;
+}
+Return<bool> IHdmiUtilCallback::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
+    return recipient != nullptr;
+}
+
+Return<sp<IHdmiUtilCallback>> IHdmiUtilCallback::castFrom(const sp<IHdmiUtilCallback>& parent,
+                                                          bool /*emitError*/) {
+    return parent;
+}
+Return<sp<IHdmiUtilCallback>> IHdmiUtilCallback::castFrom(const sp<IBase>& parent, bool emitError) {
+    return castInterface<IHdmiUtilCallback>(parent, emitError);
 }
 
 }  // namespace V1_0

@@ -16,6 +16,8 @@
 
 #include "FakeHdmiUtil.h"
 
+#include <stdlib.h>
+
 namespace mirova {
 namespace test {
 
@@ -73,7 +75,7 @@ FakeHdmiUtil::~FakeHdmiUtil() {
 }
 
 void FakeHdmiUtil::publish() {
-    registerAsService("default");
+    if (registerAsService("default") != ::android::OK) abort();
 }
 
 void FakeHdmiUtil::emitEvent(int32_t event, int32_t p1, int32_t p2, int32_t p3, int64_t p4) {

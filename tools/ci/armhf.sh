@@ -31,9 +31,11 @@ start=$(date +%s)
 log() { echo "armhf: $*"; }
 
 # What the host needs: the cross compiler and its armhf C/C++ runtime, the
-# emulator, and what the tests run on the host side (python3, edid-decode).
-tools/deps.sh cmake make g++ g++-arm-linux-gnueabihf qemu-user python3 edid-decode \
-    libgtest-dev libgmock-dev android-libutils-dev android-liblog-dev android-libcutils-dev
+# emulator, the HIDL compiler (run on the host during the build), and what the
+# tests run on the host side (python3, edid-decode, the Blueprint tools).
+tools/deps.sh cmake make g++ g++-arm-linux-gnueabihf qemu-user python3 edid-decode hidl-gen \
+    blueprint-tools libgtest-dev libgmock-dev android-libutils-dev android-liblog-dev \
+    android-libcutils-dev
 
 # --- armhf packages --------------------------------------------------------
 # The AOSP libraries with their headers and everything they load (libbase,

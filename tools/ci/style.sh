@@ -5,12 +5,12 @@
 # vistrelctl. Any difference or warning fails it.
 #
 # Only a configured tree is needed (build-tidy/, compile_commands.json with
-# clang's flags); nothing is built.
+# clang's flags) and the generated interface headers; nothing else is built.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 jobs=${JOBS:-2}
 
-tools/deps.sh clang clang-format clang-tidy cmake libgtest-dev libgmock-dev \
+tools/deps.sh clang clang-format clang-tidy cmake hidl-gen libgtest-dev libgmock-dev \
     android-libutils-dev android-liblog-dev android-libcutils-dev
 
 # The project's files: what git tracks, or every file when there is no git.
@@ -33,6 +33,7 @@ fi
 
 cmake -S . -B build-tidy -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
       -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+cmake --build build-tidy --target hidl_headers >/dev/null
 
 sources=$(files HDMIWrapper.cpp 'Vistrel/*.cpp' 'platform/*.cpp' 'emulator/*.cpp' 'tools/*.cpp')
 out=build-tidy/tidy.log

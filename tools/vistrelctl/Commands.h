@@ -16,8 +16,10 @@
 
 // The subcommands of vistrelctl. Each one calls the library through its flat
 // hdmi_* interface only, and fills a report or names what failed. The
-// emulated service is at hand for what stands outside the library: the TV's
-// cable, and the service's own view of what reached it.
+// emulated service, in the host build (VISTRELCTL_EMULATED), is at hand for
+// what stands outside the library: the TV's cable, and the service's own view
+// of what reached it. On a device the tool drives the real service, and what
+// only the emulator can show is left out.
 
 #pragma once
 
@@ -30,8 +32,12 @@
 #include <string>
 #include <vector>
 
-#include "HdmiUtilEmulator.h"
+#include "EdidParser.h"
+#include "HdmiUtilCodes.h"
 #include "Report.h"
+#ifdef VISTRELCTL_EMULATED
+#include "HdmiUtilEmulator.h"
+#endif
 
 namespace mirova::vistrelctl {
 
@@ -60,7 +66,9 @@ class EventSink : public VistrelCallback2 {
 };
 
 struct Context {
+#ifdef VISTRELCTL_EMULATED
     ::android::sp<emulator::HdmiUtilEmulator> service;
+#endif
     EventSink* events = nullptr;
     std::vector<std::string> args;  // the words after the subcommand
     bool json = false;
@@ -91,7 +99,9 @@ int runRouting(Context& ctx);
 int runDevice(Context& ctx);
 int runTopology(Context& ctx);
 // Events and diagnostics.
+#ifdef VISTRELCTL_EMULATED
 int runEvents(Context& ctx);
+#endif
 int runDump(Context& ctx);
 
 // Reads the TV capability record; false with ctx.error set when it fails.

@@ -289,12 +289,13 @@ int runRouting(Context& ctx) {
     } else if (!a.empty()) {
         return ctx.fail(kExitUsage, "routing: 'same-source', 'dual' or 'diff-source N' expected");
     }
+    ctx.report = Value::object().set("diff_source", hdmi_getDiffSourceValue());
+#ifdef VISTRELCTL_EMULATED
     // The interface type has no flat entry point: it is read from the service itself.
     const int type = ctx.service->state().interfaceType;
-    ctx.report = Value::object()
-                         .set("diff_source", hdmi_getDiffSourceValue())
-                         .set("service_interface_type", type)
-                         .set("service_interface_name", interfaceTypeName(type));
+    ctx.report.set("service_interface_type", type)
+            .set("service_interface_name", interfaceTypeName(type));
+#endif
     return kExitOk;
 }
 
@@ -323,7 +324,9 @@ int runDevice(Context& ctx) {
     r.set("power_5v", hdmi_control_5v(-1) == 1);  // any value but 0 and 1 only asks
     r.set("color_mode", hdmi_readColorModeEnum());
     r.set("edid_auto_mode", hdmi_readEdidAutoMode());
+#ifdef VISTRELCTL_EMULATED
     r.set("service_display_state", ctx.service->state().displayState);
+#endif
     ctx.report = r;
     return kExitOk;
 }
@@ -354,17 +357,23 @@ int runTopology(Context& ctx) {
 
     Value rows = Value::array();
     for (const Report& r : reports) {
+#ifdef VISTRELCTL_EMULATED
         const int before = ctx.service->state().topologyReports;
+#endif
         hdmi_updateVideoPlaneUsage(1, r.i0, r.i1, r.i2, r.i3, r.hdr, r.plane);
-        const bool sent = ctx.service->state().topologyReports != before;
-        rows.push(Value::object()
-                          .set("plane", r.plane)
-                          .set("hdr", r.hdr)
-                          .set("instance", std::to_string(r.i0) + "," + std::to_string(r.i1) + "," +
-                                                   std::to_string(r.i2) + "," +
-                                                   std::to_string(r.i3))
-                          .set("sent_to_service", sent));
+        Value row = Value::object();
+        row.set("plane", r.plane)
+                .set("hdr", r.hdr)
+                .set("instance", std::to_string(r.i0) + "," + std::to_string(r.i1) + "," +
+                                         std::to_string(r.i2) + "," + std::to_string(r.i3));
+#ifdef VISTRELCTL_EMULATED
+        row.set("sent_to_service", ctx.service->state().topologyReports != before);
+#endif
+        rows.push(row);
     }
+#ifndef VISTRELCTL_EMULATED
+    ctx.report = Value::object().set("reports", rows);
+#else
     // What the service holds now for the composer.
     Value received = Value::array();
     ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo topo;
@@ -380,6 +389,7 @@ int runTopology(Context& ctx) {
         }
     }
     ctx.report = Value::object().set("reports", rows).set("service_topology", received);
+#endif
     return kExitOk;
 }
 

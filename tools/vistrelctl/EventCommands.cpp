@@ -53,6 +53,8 @@ std::vector<EventSink::Received> EventSink::events() {
     return mEvents;
 }
 
+#ifdef VISTRELCTL_EMULATED
+// Plugs and unplugs the emulated TV: only the emulator has a cable to pull.
 int runEvents(Context& ctx) {
     int cycles = 2;
     const std::vector<std::string>& a = ctx.args;
@@ -112,6 +114,7 @@ int runEvents(Context& ctx) {
     if (ctx.json) ctx.report = Value::object().set("count", seen).set("events", rows);
     return kExitOk;
 }
+#endif
 
 int runDump(Context& ctx) {
     const std::vector<std::string>& a = ctx.args;

@@ -44,6 +44,15 @@ std::string manufacturerText(int32_t packed) {
                        static_cast<char>((packed >> 8) & 0xff), static_cast<char>(packed & 0xff)};
 }
 
+Value names(const std::vector<std::string>& list) {
+    Value v = Value::array();
+    for (const std::string& name : list) v.push(name);
+    return v;
+}
+
+#ifdef VISTRELCTL_EMULATED
+// The link model is the emulated source's own: only the host build can show it.
+
 // "594" or "742.5" for a rate in kHz (or Mbit/s shown as Gbit/s).
 std::string mhzText(uint32_t khz) {
     char text[32];
@@ -52,12 +61,6 @@ std::string mhzText(uint32_t khz) {
     while (t.back() == '0') t.pop_back();
     if (t.back() == '.') t.pop_back();
     return t;
-}
-
-Value names(const std::vector<std::string>& list) {
-    Value v = Value::array();
-    for (const std::string& name : list) v.push(name);
-    return v;
 }
 
 // The link's side of a format entry: "TMDS 594 MHz", or the FRL bandwidth and the smallest FRL
@@ -134,6 +137,7 @@ Value linkValue(const LinkModel& link) {
     v.set("source_frl", LinkModel::frlRateName(link.source().maxFrlRate));
     return v;
 }
+#endif  // VISTRELCTL_EMULATED
 
 }  // namespace
 
@@ -189,7 +193,9 @@ int runCaps(Context& ctx) {
     r.set("physical_address", physicalAddressText(cap.cec[0], cap.cec[1]));
     r.set("max_tmds_mhz", cap.capWord0);
     r.set("max_frl_rate", cap.capWord2);
+#ifdef VISTRELCTL_EMULATED
     r.set("link", linkValue(ctx.service->sink().link()));
+#endif
     std::vector<std::string> encodings = {"RGB"};
     if (cap.capWord4 & kEncodingYCbCr444) encodings.push_back("YCbCr444");
     if (cap.capWord4 & kEncodingYCbCr422) encodings.push_back("YCbCr422");
@@ -245,27 +251,33 @@ int runCaps(Context& ctx) {
 int runFormats(Context& ctx) {
     int filter = 0;
     bool all = false;
+#ifdef VISTRELCTL_EMULATED
     SourceLimits source = ctx.service->sourceLimits();
+#endif
     for (size_t i = 0; i < ctx.args.size(); ++i) {
         const std::string& arg = ctx.args[i];
-        int value = 0;
         if (arg == "--hdr-filter") {
             filter = 1;
+#ifdef VISTRELCTL_EMULATED
         } else if (arg == "--all") {
             all = true;
         } else if ((arg == "--source-tmds" || arg == "--source-frl") && i + 1 < ctx.args.size()) {
             const bool tmds = arg == "--source-tmds";
+            int value = 0;
             if (!parseInt(ctx.args[++i], tmds ? 25 : 0, tmds ? 1275 : 6, &value)) {
                 return ctx.fail(kExitUsage, "formats: " + arg + " needs " +
                                                     (tmds ? "a rate in MHz" : "an FRL code 0-6"));
             }
             if (tmds) source.maxTmdsMhz = static_cast<uint16_t>(value);
             if (!tmds) source.maxFrlRate = static_cast<uint8_t>(value);
+#endif
         } else {
             return ctx.fail(kExitUsage, "formats: unexpected argument '" + arg + "'");
         }
     }
+#ifdef VISTRELCTL_EMULATED
     ctx.service->setSourceLimits(source);
+#endif
     const int result = hdmi_getEDIDSupportList(filter);
     if (result != 0) {
         return ctx.fail(kExitFailure,
@@ -273,7 +285,9 @@ int runFormats(Context& ctx) {
     }
     android::Vector<_HDMI_FORMAT_SUPPORT> list;
     hdmi_queryEDIDSupportList(&list);
+#ifdef VISTRELCTL_EMULATED
     const emulator::SinkProfile sink = ctx.service->sink();
+#endif
 
     auto formatRow = [&](int vic, const _HDMI_FORMAT_SUPPORT* f) {
         const _HDMI_FORMAT_SUPPORT none{};
@@ -290,14 +304,17 @@ int runFormats(Context& ctx) {
         row.set("native", (f->flags5 & kFormatNative) != 0);
         row.set("preferred", (f->flags5 & kFormatPreferred) != 0);
         row.set("listed", f != &none);
+#ifdef VISTRELCTL_EMULATED
         // The most demanding entry the link carries: how close the format comes to its limits.
         row.set("link", f != &none ? needText(highestNeed(sink, vic)) : "refused");
+#endif
         row.set("flags", hexBytes(&f->flags1, 7));
         return row;
     };
     Value rows = Value::array();
     Value refused = Value::array();
     size_t count = 0;
+#ifdef VISTRELCTL_EMULATED
     if (all) {
         // Every declared format in declaration order, listed or not.
         for (const VideoFormat& declared : sink.model().videoFormats) {
@@ -310,13 +327,17 @@ int runFormats(Context& ctx) {
             ++count;
             addRefused(sink, declared, &refused);
         }
-    } else {
+    } else
+#endif
+    {
         for (const _HDMI_FORMAT_SUPPORT& f : list) rows.push(formatRow(f.code, &f));
         count = list.size();
     }
     Value r = Value::object();
     r.set("hdr_filter", filter != 0);
+#ifdef VISTRELCTL_EMULATED
     r.set("link", linkValue(sink.link()));
+#endif
     r.set("count", count);
     r.set("formats", rows);
     if (all) r.set("refused", refused);

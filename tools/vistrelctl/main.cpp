@@ -14,9 +14,10 @@
  * limitations under the License.
  */
 
-// vistrelctl: pokes libVistrel by hand, as a composer or media player would,
-// against an emulated TV. The emulated HDMI service runs in this process
-// (the service registry is in-process); everything else goes through the
+// vistrelctl: pokes libVistrel by hand, as a composer or media player would.
+// The host build (VISTRELCTL_EMULATED) runs it against an emulated TV whose
+// HDMI service runs in this process (the service registry is in-process); on
+// a device it drives the real service. Everything else goes through the
 // library's flat hdmi_* interface.
 
 #define LOG_TAG "vistrelctl"
@@ -30,17 +31,26 @@
 #include <vector>
 
 #include "Commands.h"
+#ifdef VISTRELCTL_EMULATED
 #include "DefaultEdid.h"
 #include "HdmiUtilEmulator.h"
+#endif
 
 namespace mirova::vistrelctl {
 namespace {
 
 constexpr const char* kUsage =
+#ifdef VISTRELCTL_EMULATED
         "usage: vistrelctl [--edid FILE] [--json] [--verbose] COMMAND [ARGS]\n"
         "\n"
         "Runs libVistrel against an emulated TV (default: the built-in LG OLED C9 EDID,\n"
         "a 4K HDR TV) and shows what the library reports.\n"
+#else
+        "usage: vistrelctl [--json] [--verbose] COMMAND [ARGS]\n"
+        "\n"
+        "Runs libVistrel against the device's HDMI service and shows what the library\n"
+        "reports.\n"
+#endif
         "\n"
         "commands:\n"
         "  status                         plug state, output state, current format\n"
@@ -68,12 +78,16 @@ constexpr const char* kUsage =
         "  device [5v on|off | enable on|off | display N | color-mode N | edid-auto N]\n"
         "  topology [PLANE HDR [I0 I1 I2 I3]]   composer plane reports and what reached\n"
         "                                 the service\n"
+#ifdef VISTRELCTL_EMULATED
         "  events [--cycles N]            plug and unplug the TV N times (default 2) and\n"
         "                                 show the events the library delivers\n"
+#endif
         "  dump [--cmd N]                 the service's state report (or debug command N)\n"
         "\n"
         "options:\n"
+#ifdef VISTRELCTL_EMULATED
         "  --edid FILE   emulate the TV of this EDID file instead\n"
+#endif
         "  --json        print the result as JSON (nothing else on stdout)\n"
         "  --verbose     show the library's and the service's log lines on stderr\n"
         "  --help        this text\n"
@@ -91,7 +105,10 @@ constexpr CommandEntry kCommands[] = {
         {"edid", runEdid},       {"format", runFormat}, {"hdr", runHdr},
         {"prop", runProp},       {"vrr", runVrr},       {"allm", runAllm},
         {"routing", runRouting}, {"device", runDevice}, {"topology", runTopology},
-        {"events", runEvents},   {"dump", runDump},
+#ifdef VISTRELCTL_EMULATED
+        {"events", runEvents},
+#endif
+        {"dump", runDump},
 };
 
 bool gVerbose = false;
@@ -111,7 +128,9 @@ int error(int code, const std::string& message) {
 }
 
 int run(int argc, char** argv) {
+#ifdef VISTRELCTL_EMULATED
     std::string edidPath;
+#endif
     bool json = false;
     bool help = false;
     std::vector<std::string> words;
@@ -123,11 +142,13 @@ int run(int argc, char** argv) {
             gVerbose = true;
         } else if (arg == "--help" || arg == "-h") {
             help = true;
+#ifdef VISTRELCTL_EMULATED
         } else if (arg == "--edid") {
             if (i + 1 >= argc) return error(kExitUsage, "--edid needs a file name");
             edidPath = argv[++i];
         } else if (arg.rfind("--edid=", 0) == 0) {
             edidPath = arg.substr(7);
+#endif
         } else {
             words.push_back(arg);  // the command, its arguments and its options
         }
@@ -148,6 +169,7 @@ int run(int argc, char** argv) {
     __android_log_set_logger(logToStderr);
     __android_log_set_minimum_priority(gVerbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_FATAL);
 
+#ifdef VISTRELCTL_EMULATED
     // The emulated TV and its HDMI service, started as the real service starts.
     std::string why;
     ::android::sp<emulator::HdmiUtilEmulator> service;
@@ -162,13 +184,16 @@ int run(int argc, char** argv) {
     if (service->publish() != ::android::OK) {
         return error(kExitFailure, "the emulated HDMI service could not be registered");
     }
+#endif
 
     EventSink events;
     hdmi_createLib(nullptr, &events);
     hdmi_setCallback();
 
     Context ctx;
+#ifdef VISTRELCTL_EMULATED
     ctx.service = service;
+#endif
     ctx.events = &events;
     ctx.args.assign(words.begin() + 1, words.end());
     ctx.json = json;
@@ -176,7 +201,9 @@ int run(int argc, char** argv) {
 
     hdmi_removeCallback();
     hdmi_releaseLib();
+#ifdef VISTRELCTL_EMULATED
     service->shutdown();
+#endif
 
     if (code != kExitOk) return error(code, ctx.error);
     if (json) {

@@ -49,6 +49,9 @@ namespace hardware {
 
 namespace details {
 
+// Tags the generated interface classes carry, for template logic.
+struct i_tag {};
+
 // A pointer padded to 64 bits so that records look the same on 32- and 64-bit ABIs.
 template <typename T>
 struct hidl_pointer {
@@ -294,6 +297,8 @@ struct hidl_array {
     T& operator[](size_t index) { return mBuffer[index]; }
     const T& operator[](size_t index) const { return mBuffer[index]; }
     static constexpr size_t size() { return SIZE; }
+    const T* begin() const { return mBuffer; }
+    const T* end() const { return mBuffer + SIZE; }
 
     bool operator==(const hidl_array& other) const {
         return std::equal(mBuffer, mBuffer + SIZE, other.mBuffer);
@@ -378,6 +383,48 @@ struct hidl_death_recipient : virtual public RefBase {
     virtual void serviceDied(uint64_t cookie,
                              const ::android::wp<::android::hidl::base::V1_0::IBase>& who) = 0;
 };
+
+// ---------------------------------------------------------------------------
+// Text forms of values, as the generated toString() of records compose them.
+
+inline std::string toString(bool value) {
+    return value ? "true" : "false";
+}
+template <typename T, typename = std::enable_if_t<std::is_arithmetic<T>::value>>
+std::string toString(T value) {
+    return std::to_string(value);
+}
+inline std::string toString(const hidl_string& value) {
+    return "\"" + std::string(value) + "\"";
+}
+inline std::string toString(const hidl_handle& value) {
+    const native_handle_t* handle = value.getNativeHandle();
+    return handle == nullptr ? "(null)" : "handle(fds=" + std::to_string(handle->numFds) + ")";
+}
+
+namespace details {
+template <typename Range>
+std::string rangeToString(const Range& range) {
+    using ::android::hardware::toString;
+    std::string text = "[";
+    bool first = true;
+    for (const auto& item : range) {
+        if (!first) text += ", ";
+        text += toString(item);
+        first = false;
+    }
+    return text + "]";
+}
+}  // namespace details
+
+template <typename T>
+std::string toString(const hidl_vec<T>& value) {
+    return details::rangeToString(value);
+}
+template <typename T, size_t SIZE>
+std::string toString(const hidl_array<T, SIZE>& value) {
+    return details::rangeToString(value);
+}
 
 static_assert(sizeof(hidl_string) == 16 && alignof(hidl_string) == 8, "hidl_string layout");
 static_assert(sizeof(hidl_vec<uint8_t>) == 16 && alignof(hidl_vec<uint8_t>) == 8,
