@@ -226,18 +226,13 @@ class DolbyVisionTest : public FormatTest {
 };
 
 TEST_F(DolbyVisionTest, TimingsTheModeCannotCarryAreSubstituted) {
-    // The table's rows, then neighbours and targets, which are kept.
-    const struct {
-        uint8_t from, to;
-    } rows[] = {{6, 16},   {21, 16},  {5, 16},  {20, 16},   {98, 93},  {99, 94}, {100, 95},
-                {101, 96}, {102, 97}, {0, 0},   {7, 7},     {16, 16},  {22, 22}, {31, 31},
-                {92, 92},  {93, 93},  {97, 97}, {103, 103}, {255, 255}};
     uint8_t mode = 0x80;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(::testing::Message() << "vic " << int{row.from});
+    for (const Row& row : tableRows("dolby-vision-timings.tsv")) {
+        const auto from = static_cast<uint8_t>(num(row[0])), to = static_cast<uint8_t>(num(row[1]));
+        SCOPED_TRACE(::testing::Message() << "vic " << int{from});
         // vic_param is cleared only when the timing changes.
-        expectSwitch(makeFormat(mode, row.from, 3, 255, 255, 7, 2, 4),
-                     dvFormat(mode, row.to, row.from == row.to ? 3 : 0));
+        expectSwitch(makeFormat(mode, from, 3, 255, 255, 7, 2, 4),
+                     dvFormat(mode, to, from == to ? 3 : 0));
         ++mode;
     }
 }
@@ -293,26 +288,19 @@ TEST_F(DolbyVisionTest, FailedFormatReadSendsZeroBasedFormat) {
 class Hdr4kSyncTest : public LibraryTest {};
 
 TEST_F(Hdr4kSyncTest, WritesOnlyWhenPropertyAndServiceDiffer) {
-    const struct {
-        const char* wanted;  // null: unset
-        int32_t current;
-        const char* line;
-        int written;  // -1: nothing written
-    } cases[] = {
-            {nullptr, 0, "HDR4K:0,0", -1}, {"1", 0, "HDR4K:1,0", 1},   {"0", 1, "HDR4K:0,1", 0},
-            {"2", 1, "HDR4K:2,1", 1},      {"1", 1, "HDR4K:1,1", -1},  {"abc", 0, "HDR4K:0,0", -1},
-            {"abc", 1, "HDR4K:0,1", 0},    {"-1", 0, "HDR4K:-1,0", 1}, {nullptr, 5, "HDR4K:0,5", 0},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << (c.wanted ? c.wanted : "unset") << "/" << c.current);
+    for (const Row& row : tableRows("hdr-4k-sync.tsv")) {
+        SCOPED_TRACE(::testing::PrintToString(row));
+        const std::string& wanted = row[0];
+        const int32_t current = num(row[1]);
+        const int written = num(row[3]);  // -1: nothing written
         hdmi_releaseLib();
         property_host_clear();
         property_set(kServiceStartProperty, "1");
-        if (c.wanted != nullptr) property_set(kHdr4kProperty, c.wanted);
+        if (wanted != "<unset>") property_set(kHdr4kProperty, wanted.c_str());
         ::testing::Mock::VerifyAndClearExpectations(fake.get());
         EXPECT_CALL(*fake, getPropVal(_)).Times(0);
-        EXPECT_CALL(*fake, getPropVal(9)).WillOnce(Return(c.current));
-        if (c.written < 0) {
+        EXPECT_CALL(*fake, getPropVal(9)).WillOnce(Return(current));
+        if (written < 0) {
             EXPECT_CALL(*fake, clearOneStepInfo()).Times(0);
             EXPECT_CALL(*fake, setPropVal(_, _)).Times(0);
         } else {
@@ -322,16 +310,16 @@ TEST_F(Hdr4kSyncTest, WritesOnlyWhenPropertyAndServiceDiffer) {
                 EXPECT_EQ(systemProperty(kHdr8bitProperty), "<unset>");
                 return Void();
             }));
-            EXPECT_CALL(*fake, setPropVal(9, c.written)).WillOnce(Invoke([&c](int32_t, int32_t) {
-                EXPECT_EQ(systemProperty(kHdr8bitProperty), std::to_string(c.written));
+            EXPECT_CALL(*fake, setPropVal(9, written)).WillOnce(Invoke([written](int32_t, int32_t) {
+                EXPECT_EQ(systemProperty(kHdr8bitProperty), std::to_string(written));
                 return Void();
             }));
         }
         LogCapture::clear();
         ASSERT_NE(createLib(), nullptr);
-        EXPECT_EQ(LogCapture::countExact(c.line, ANDROID_LOG_INFO, kVistrelTag), 1);
+        EXPECT_EQ(LogCapture::countExact(row[2], ANDROID_LOG_INFO, kVistrelTag), 1);
         EXPECT_EQ(systemProperty(kHdr8bitProperty),
-                  c.written < 0 ? "<unset>" : std::to_string(c.written));
+                  written < 0 ? "<unset>" : std::to_string(written));
     }
 }
 

@@ -21,9 +21,7 @@
 #include <cutils/properties_host.h>
 #include <gtest/gtest.h>
 #include <hidl/HostServiceRegistry.h>
-#include <signal.h>
 #include <stdio.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,7 +30,6 @@
 #include <fstream>
 #include <functional>
 #include <ostream>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -340,36 +337,33 @@ TEST_F(ServiceLinkTest, ACallbackMayReleaseTheLibrary) {
     EXPECT_TRUE(eventually([] { return LogCapture::countExact("~WorkerThread()") == 1; }));
 }
 
-// The line named by the fatal check of `call`, made in a child process.
-int checkLine(void (*call)()) {
-    int fds[2];
-    if (pipe(fds) != 0) return -1;
-    if (fork() == 0) {
-        dup2(fds[1], STDERR_FILENO);
-        call();
-        _exit(0);
-    }
-    close(fds[1]);
-    std::string out;
-    char buffer[256];
-    for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) out.append(buffer, n);
-    close(fds[0]);
-    int status = 0;
-    wait(&status);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << out;
-    std::smatch match;
-    const std::regex check(
-            "VistrelWrapper: .*HDMIWrapper\\.cpp:([0-9]+): CHECK\\(mLib != NULL\\) failed\\.");
-    return std::regex_search(out, match, check) ? std::stoi(match[1]) : -1;
+// A release while no service is registered waits for one and withdraws the
+// registration there.
+TEST_F(ServiceLinkTest, ReleaseWithoutAServiceWaitsForOne) {
+    createLib(&callback, nullptr);
+    hdmi_setCallback();
+    replaceService();
+    clearServices();
+    std::atomic<bool> released{false};
+    std::thread releasing([&] {
+        hdmi_releaseLib();
+        released = true;
+    });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(released);
+    fake->publish();
+    releasing.join();
+    EXPECT_EQ(fake->registrationCount(), 0u);
+    EXPECT_EQ(LogCapture::countContaining("Explicit destruction"), 0);
 }
 
-// No fixture: no service thread runs while the children are forked.
-TEST(FrameCheck, EachEntryPointReportsItsOwnLine) {
-    LogCapture::start();
-    const int tryGetService = checkLine([] { hdmi_tryGetService(); });
-    const int plugged = checkLine([] { hdmi_checkIfHDMIPlugged(); });
-    EXPECT_GT(std::min(tryGetService, plugged), 0);
-    EXPECT_NE(tryGetService, plugged);
+// No fixture: without an instance every framed call is fatal.
+TEST(FrameCheckDeathTest, CallsWithoutAnInstanceAbort) {
+    for (void (*call)() : {+[] { hdmi_tryGetService(); }, +[] { hdmi_checkIfHDMIPlugged(); }}) {
+        EXPECT_DEATH(
+                call(),
+                "VistrelWrapper .*HDMIWrapper\\.cpp:[0-9]+: CHECK\\(mLib != NULL\\) failed\\.");
+    }
 }
 
 }  // namespace

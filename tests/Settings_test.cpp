@@ -94,26 +94,16 @@ TEST_F(SettingsTest, RoutingOpModesByInterfaceType) {
     auto logged = [](const std::string& text, int priority) {
         return LogCapture::countExact("[runtimeSetDpHDMISetting] " + text, priority);
     };
-    const char* const names[] = {"INTERFACE_TYPE_ERROR",
-                                 "ANALOG_AND_DIGITAL",
-                                 "ANALOG_ONLY",
-                                 "DIGITAL_ONLY",
-                                 "DISPLAY_PORT_ONLY",
-                                 "HDMI_AND_DISPLAY_PORT_SAME_SOURCE",
-                                 "HDMI_AND_DISPLAY_PORT_DIFF_SOURCE",
-                                 "DISPLAY_PORT_AND_CVBS_SAME_SOURCE",
-                                 "HDMI_AND_DP_DIFF_SOURCE_WITH_CVBS",
-                                 "FORCE_DP_OFF",
-                                 "INTERFACE_TYPE_ERROR"};
-    for (int type = -1; type <= 9; ++type) {
+    for (const Row& row : tableRows("interface-types.tsv")) {
+        const int type = num(row[0]);
         SCOPED_TRACE(type);
         LogCapture::clear();
         applied.clear();
         ON_CALL(*fake, getInterfaceType()).WillByDefault(Answer(type));
         for (int op : {0, 1, 2, -1}) EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(op), 0);
-        EXPECT_EQ(applied, (type == 5 || type == 7 ? std::vector<int>{kSameSource, kDualDisplay}
-                                                   : std::vector<int>{kDualDisplay}));
-        const std::string typeLine = std::string("current interface type: ") + names[type + 1];
+        EXPECT_EQ(applied, (row[2] == "folds" ? std::vector<int>{kSameSource, kDualDisplay}
+                                              : std::vector<int>{kDualDisplay}));
+        const std::string typeLine = "current interface type: " + row[1];
         EXPECT_EQ(logged(typeLine + " diffSourceVal: -3", ANDROID_LOG_DEBUG), 4);
         EXPECT_EQ(logged("unsupport op mode: 2", ANDROID_LOG_ERROR), 1);
         EXPECT_EQ(logged("unsupport op mode: -1", ANDROID_LOG_ERROR), 1);
@@ -142,20 +132,15 @@ TEST_F(SettingsTest, RoutingFailuresApplyNothingAndKeepTheResult) {
 }
 
 TEST_F(SettingsTest, VrrTableOnlyWhenTheSinkRangeReachesThresholds) {
-    const struct {
-        int32_t status, vrrMin, vrrMax;
-        bool table;
-    } cases[] = {{1, 1, 100, true}, {1, 48, 240, true},  {1, 0, 100, false},
-                 {1, 1, 99, false}, {1, 1, -100, false}, {0, 1, 100, false}};  // a refused query
     const _HDMI_VRR_GROUP_INFO* table = nullptr;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.status << " " << c.vrrMin << "/" << c.vrrMax);
+    for (const Row& row : tableRows("vrr-ranges.tsv")) {
+        SCOPED_TRACE(::testing::PrintToString(row));
         TVCapInfo cap{};
-        cap.vrrMin = c.vrrMin;
-        cap.vrrMax = c.vrrMax;
-        EXPECT_CALL(*fake, getTVCapInfo(_)).WillOnce(AnswerRecord(c.status, cap));
+        cap.vrrMin = num(row[1]);
+        cap.vrrMax = num(row[2]);
+        EXPECT_CALL(*fake, getTVCapInfo(_)).WillOnce(AnswerRecord(num(row[0]), cap));
         const _HDMI_VRR_GROUP_INFO* info = hdmi_getVRRGroupInfo();
-        EXPECT_EQ(info != nullptr, c.table);
+        EXPECT_EQ(info != nullptr, row[3] == "table");
         if (table == nullptr) table = info;
         EXPECT_TRUE(info == nullptr || info == table);  // the one table, never a copy
     }

@@ -239,60 +239,34 @@ TEST_F(SinkCapabilityTest, FailedRefreshLeavesTheCacheEmpty) {
 }
 
 TEST_F(SinkCapabilityTest, VicNames) {
-    const struct {
-        int code;
-        const char* name;
-    } cases[] = {{2, "VIC_720_480P_60HZ"},
-                 {6, "VIC_720_480I_60HZ"},
-                 {21, "VIC_720_576I_50HZ"},
-                 {63, "VIC_1920_1080P_120HZ"},
-                 {93, "VIC_3840_2160P_24HZ"},
-                 {102, "VIC_4096_2160P_60HZ"},
-                 {128, "VIC_1920_1080P_144HZ"},
-                 {231, "VIC_1024_768P_60HZ"},
-                 {236, "VIC_1200_1920P_60HZ"},
-                 {0, "VIC_UNKNOWN"},
-                 {3, "VIC_UNKNOWN"},
-                 {255, "VIC_UNKNOWN"}};
-    for (const auto& c : cases) {
-        EXPECT_STREQ(hdmi_getCurrentLibInstance()->findVICName(static_cast<HDMI_VIC_ENUM>(c.code)),
-                     c.name);
+    for (const Row& row : tableRows("vic-names.tsv")) {
+        const auto vic = static_cast<HDMI_VIC_ENUM>(num(row[0]));
+        EXPECT_STREQ(hdmi_getCurrentLibInstance()->findVICName(vic), row[1].c_str());
     }
 }
 
 // The HDR list is written only on success and only when it fits the caller's array.
 TEST_F(SinkCapabilityTest, HdrListIsCopiedOnlyWhenItFits) {
     constexpr int kUntouched = -99;
-    // clang-format off
-    const struct {
-        int capability;
-        int32_t status;  // -1: the transaction fails
-        std::vector<int32_t> items;
-        int result;
-    } cases[] = {
-            {8, 1, {3, 1, 7}, 0},           {4, 1, {1, 2, 3, 4}, 0},       {-1, 1, {}, 0},
-            {4, 1, {1, 2, 3, 4, 5}, kBadValue}, {-1, 1, {1, 2}, kBadValue}, {0, 1, {1}, kBadValue},
-            {8, 0, {5, 6}, kInvalidOperation},  {8, -1, {}, kDeadObject}};
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.capability << "/" << c.items.size());
+    for (const Row& row : tableRows("hdr-lists.tsv")) {
+        SCOPED_TRACE(::testing::PrintToString(row));
+        const int capability = num(row[0]), status = num(row[1]), result = num(row[3]);
+        const std::vector<int32_t> items = nums(row[2]);
         LogCapture::clear();
-        if (c.status < 0) {
+        if (status < 0) {
             EXPECT_CALL(*fake, getHDRSupportList(_)).WillOnce(FailTransport());
         } else {
-            EXPECT_CALL(*fake, getHDRSupportList(_))
-                    .WillOnce(AnswerRecord(c.status, HDRList{c.items}));
+            EXPECT_CALL(*fake, getHDRSupportList(_)).WillOnce(AnswerRecord(status, HDRList{items}));
         }
         std::vector<int> list(8, kUntouched);
         int len = kUntouched;
-        EXPECT_EQ(hdmi_getHDRSupportList(list.data(), c.capability, &len), c.result);
-        std::vector<int> written(c.items.begin(), c.items.end());
-        if (c.result != 0) written.clear();
-        EXPECT_EQ(len, c.result == 0 ? static_cast<int>(written.size()) : kUntouched);
+        EXPECT_EQ(hdmi_getHDRSupportList(list.data(), capability, &len), result);
+        std::vector<int> written(items.begin(), result == 0 ? items.end() : items.begin());
+        EXPECT_EQ(len, result == 0 ? static_cast<int>(written.size()) : kUntouched);
         written.resize(8, kUntouched);
         EXPECT_EQ(list, written);
-        EXPECT_EQ(linesAt(ANDROID_LOG_ERROR), c.result == kBadValue || c.result == kDeadObject);
-        EXPECT_EQ(errorLines("getHDRSupportList"), c.result == kDeadObject ? 1 : 0);
+        EXPECT_EQ(linesAt(ANDROID_LOG_ERROR), result == kBadValue || result == kDeadObject);
+        EXPECT_EQ(errorLines("getHDRSupportList"), result == kDeadObject ? 1 : 0);
     }
 }
 
@@ -323,33 +297,24 @@ TEST_F(SinkCapabilityTest, ColorSetPassesItsInputsAndLeavesMinusOneOnFailure) {
 
 // The EDID is copied only when the caller's length is exactly its size.
 TEST_F(SinkCapabilityTest, RawEdidIsCopiedOnlyAtItsExactSize) {
-    // clang-format off
-    const struct {
-        size_t edidSize;
-        int length;
-        int32_t status;  // -1: the transaction fails
-        int result;
-    } cases[] = {
-            {256, 256, 1, 0},         {0, 0, 1, 0},            {256, 128, 1, kBadValue},
-            {256, -1, 1, kBadValue},  {128, 256, 1, kBadValue}, {0, 16, 1, kBadValue},
-            {256, 256, 0, kInvalidOperation}, {256, 256, -1, kDeadObject}};
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.edidSize << "/" << c.length << "/" << c.status);
+    for (const Row& row : tableRows("edid-copies.tsv")) {
+        SCOPED_TRACE(::testing::PrintToString(row));
+        const int size = num(row[0]), length = num(row[1]), status = num(row[2]),
+                  result = num(row[3]);
         LogCapture::clear();
-        const std::vector<uint8_t> edid = edidOf(c.edidSize);
-        if (c.status < 0) {
+        const std::vector<uint8_t> edid = edidOf(static_cast<size_t>(size));
+        if (status < 0) {
             EXPECT_CALL(*fake, getEDIDRawData(_)).WillOnce(FailTransport());
         } else {
-            EXPECT_CALL(*fake, getEDIDRawData(_)).WillOnce(AnswerRecord(c.status, EDIDData{edid}));
+            EXPECT_CALL(*fake, getEDIDRawData(_)).WillOnce(AnswerRecord(status, EDIDData{edid}));
         }
         std::vector<uint8_t> buffer(512 + 16, 0xC3);
-        EXPECT_EQ(hdmi_getEDIDRawData(buffer.data(), c.length), c.result);
-        const size_t copied = c.result == 0 ? edid.size() : 0;
+        EXPECT_EQ(hdmi_getEDIDRawData(buffer.data(), length), result);
+        const size_t copied = result == 0 ? edid.size() : 0;
         EXPECT_TRUE(std::equal(edid.begin(), edid.begin() + copied, buffer.begin()));
         EXPECT_TRUE(allBytes(buffer.data() + copied, buffer.size() - copied, 0xC3));
-        EXPECT_EQ(linesAt(ANDROID_LOG_ERROR), c.result == kBadValue || c.result == kDeadObject);
-        EXPECT_EQ(errorLines("getEDIDRawData"), c.result == kDeadObject ? 1 : 0);
+        EXPECT_EQ(linesAt(ANDROID_LOG_ERROR), result == kBadValue || result == kDeadObject);
+        EXPECT_EQ(errorLines("getEDIDRawData"), result == kDeadObject ? 1 : 0);
     }
     EXPECT_CALL(*fake, getEDIDRawData(_)).WillOnce(AnswerRecord(1, EDIDData{}));
     EXPECT_EQ(hdmi_getEDIDRawData(nullptr, 0), 0);

@@ -14,9 +14,10 @@
  * limitations under the License.
  */
 
-// A programmable IHdmiUtil for tests. Every operation is a GoogleMock method,
-// so tests set answers and expectations per call and the fake records every
-// call with its arguments. On top of that it keeps the registered callbacks
+// A programmable IHdmiUtil for tests. Every operation is a GoogleMock method
+// (written from the generated interface header at build time), so tests set
+// answers and expectations per call and the fake records every call with its
+// arguments. On top of that it keeps the registered callbacks
 // per process id, as the real service does, and sends events to them from a
 // thread of its own.
 //
@@ -40,6 +41,8 @@
 #include <thread>
 #include <tuple>
 #include <utility>
+
+#include "MockMethods.h"
 
 namespace mirova {
 namespace test {
@@ -69,60 +72,7 @@ class MockHdmiUtil : public IHdmiUtil {
   public:
     using FakeEdid = hidl_array<uint8_t, 256>;
 
-    MOCK_METHOD(Return<void>, setCallback,
-                (int32_t, const hidl_string&, const sp<IHdmiUtilCallback>&), (override));
-    MOCK_METHOD(Return<void>, removeCallback, (int32_t), (override));
-    MOCK_METHOD(Return<void>, readOutputFormat, (readOutputFormat_cb), (override));
-    MOCK_METHOD(Return<void>, saveOutputFormat, (const OutputFormat&), (override));
-    MOCK_METHOD(Return<int32_t>, readEdidAutoMode, (), (override));
-    MOCK_METHOD(Return<void>, saveEdidAutoMode, (int32_t), (override));
-    MOCK_METHOD(Return<bool>, checkIfHDMIPlugged, (), (override));
-    MOCK_METHOD(Return<bool>, getHDMIEDIDReady, (), (override));
-    MOCK_METHOD(Return<void>, getEDIDRawData, (getEDIDRawData_cb), (override));
-    MOCK_METHOD(Return<bool>, isTVSupport3D, (), (override));
-    MOCK_METHOD(Return<int32_t>, setHDMIFormat3D, (int32_t, float), (override));
-    MOCK_METHOD(Return<int32_t>, setOutputFormat, (const OutputFormat&, int32_t), (override));
-    MOCK_METHOD(Return<void>, getEDIDSupportList, (getEDIDSupportList_cb), (override));
-    MOCK_METHOD(Return<void>, getCurrentOutputFormat, (getCurrentOutputFormat_cb), (override));
-    MOCK_METHOD(Return<void>, setHDREotfMode, (int32_t), (override));
-    MOCK_METHOD(Return<void>, getColorSet, (int32_t, int32_t, int32_t, getColorSet_cb), (override));
-    MOCK_METHOD(Return<void>, reserved, (), (override));
-    MOCK_METHOD(Return<void>, saveColorModeEnum, (int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, readColorModeEnum, (), (override));
-    MOCK_METHOD(Return<int32_t>, readHDRAutoProperty, (), (override));
-    MOCK_METHOD(Return<int32_t>, checkHDRModeSupported, (int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, isUnderDoviMode, (int32_t), (override));
-    MOCK_METHOD(Return<void>, setHDMIEnable, (int32_t), (override));
-    MOCK_METHOD(Return<void>, getTVCapInfo, (getTVCapInfo_cb), (override));
-    MOCK_METHOD(Return<void>, getSinkCapability, (), (override));
-    MOCK_METHOD(Return<int32_t>, acquireLock, (int32_t), (override));
-    MOCK_METHOD(Return<void>, releaseLock, (int32_t), (override));
-    MOCK_METHOD(Return<void>, clearOneStepInfo, (), (override));
-    MOCK_METHOD(Return<int32_t>, getDiffSourceValue, (), (override));
-    MOCK_METHOD(Return<int32_t>, setDiffSourceValue, (int32_t), (override));
-    MOCK_METHOD(Return<void>, setDisplayState, (int32_t), (override));
-    MOCK_METHOD(Return<void>, getHDRSupportList, (getHDRSupportList_cb), (override));
-    MOCK_METHOD(Return<int32_t>, envSupportsDv, (), (override));
-    MOCK_METHOD(Return<void>, setVRREnable, (int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, getVRREnabled, (), (override));
-    MOCK_METHOD(Return<void>, setVRRFps, (int32_t), (override));
-    MOCK_METHOD(Return<void>, setPropVal, (int32_t, int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, getPropVal, (int32_t), (override));
-    MOCK_METHOD(Return<void>, getHidlInfo, (int32_t, int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, isRuntimeDpHDMISupported, (), (override));
-    MOCK_METHOD(Return<int32_t>, getInterfaceType, (), (override));
-    MOCK_METHOD(Return<bool>, getForceOffVal, (), (override));
-    MOCK_METHOD(Return<void>, handleTopoInfo, (const hHDRContentTopo&), (override));
-    MOCK_METHOD(Return<void>, dumpState, (const hidl_handle&), (override));
-    MOCK_METHOD(Return<int32_t>, setVideoFps, (int32_t, int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, emulateFwCallbackHDRType, (int32_t, int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, processHDMIDebugCmd, (int32_t, const hidl_handle&), (override));
-    MOCK_METHOD(Return<void>, setALLM, (int32_t), (override));
-    MOCK_METHOD(Return<int32_t>, isOutputFormatSupported, (const OutputFormat&), (override));
-    MOCK_METHOD(Return<int32_t>, control5v, (int32_t), (override));
-    MOCK_METHOD(Return<void>, getResolvedAutoOutputFormat, (getResolvedAutoOutputFormat_cb),
-                (override));
-    MOCK_METHOD(Return<void>, setFakeEDID, (const FakeEdid&), (override));
+    VISTREL_MOCK_METHODS
 };
 
 // The fake service. Unless a test says otherwise every value answer is 0 (or

@@ -20,8 +20,32 @@
 #include <cutils/properties_host.h>
 #include <hidl/HostServiceRegistry.h>
 
+#include <fstream>
+#include <sstream>
+
 namespace mirova {
 namespace test {
+
+std::vector<Row> tableRows(const std::string& name) {
+    std::ifstream in(std::string(VISTREL_TEST_DATA_DIR) + "/" + name);
+    EXPECT_TRUE(in.is_open()) << name;
+    std::vector<Row> rows;
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        std::istringstream fields(line);
+        rows.emplace_back();
+        for (std::string field; std::getline(fields, field, '\t');) rows.back().push_back(field);
+    }
+    EXPECT_FALSE(rows.empty()) << name;
+    return rows;
+}
+
+std::vector<int32_t> nums(const std::string& field) {
+    std::vector<int32_t> values;
+    std::istringstream in(field);
+    for (std::string word; in >> word;) values.push_back(num(word));
+    return values;
+}
 
 void resetPlatform() {
     hdmi_releaseLib();

@@ -25,6 +25,9 @@
 #include <VistrelLib.h>
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "FakeHdmiUtil.h"
 #include "LogCapture.h"
 
@@ -45,6 +48,14 @@ class LibraryTest : public ::testing::Test {
 
     sp<FakeHdmiUtil> fake;
 };
+
+// The rows of a table under tests/data/: fields split at tabs, '#' lines and
+// blank lines skipped. num() reads a field as a number (0x... for hex), nums()
+// a field of space-separated numbers.
+using Row = std::vector<std::string>;
+std::vector<Row> tableRows(const std::string& name);
+inline int num(const std::string& field) { return static_cast<int>(std::stoll(field, nullptr, 0)); }
+std::vector<int32_t> nums(const std::string& field);
 
 // Resets the process-wide state the library and the stand-ins keep.
 void resetPlatform();
