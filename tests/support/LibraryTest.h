@@ -54,7 +54,9 @@ class LibraryTest : public ::testing::Test {
 // a field of space-separated numbers.
 using Row = std::vector<std::string>;
 std::vector<Row> tableRows(const std::string& name);
-inline int num(const std::string& field) { return static_cast<int>(std::stoll(field, nullptr, 0)); }
+inline int num(const std::string& field) {
+    return static_cast<int>(std::stoll(field, nullptr, 0));
+}
 std::vector<int32_t> nums(const std::string& field);
 
 // Resets the process-wide state the library and the stand-ins keep.
