@@ -72,43 +72,29 @@ class OutputFormatTest : public FormatTest {
 };
 
 TEST_F(OutputFormatTest, ReadsWriteTheCallerRecordOnlyOnSuccess) {
-    const struct {
-        const char* what;
-        bool callsBack;  // whether the result callback runs at all
-        int32_t status;
-        OutputFormat record;
-        bool transportFails;
-        int result;  // the caller's record is written only when this is 0
-    } cases[] = {
-            {"refusal", true, 0, makeFormat(1, 2, 3, 4, 5, 6, 7, 8), false, kInvalidOperation},
-            {"no callback", false, 1, {}, false, kInvalidOperation},
-            {"transport failure", false, 0, {}, true, kDeadObject},
-            // The transport status decides even after the callback has run.
-            {"failure after callback", true, 1, makeFormat(1, 2, 3, 4, 5, 6, 7, 8), true,
-             kDeadObject},
-            // Any nonzero status is an answer; zero bytes in it are written too.
-            {"status 1", true, 1, makeFormat(0x80, 97, 1, 2, 10, 3, 2, 4), false, 0},
-            {"status -1", true, -1, makeFormat(0, 0, 0, 0, 0, 0, 0, 0), false, 0},
-            {"status INT32_MIN", true, INT32_MIN,
-             makeFormat(255, 255, 255, 255, 255, 255, 255, 255), false, 0},
-    };
     for (size_t which = 0; which < 3; ++which) {
-        for (const auto& c : cases) {
-            SCOPED_TRACE(::testing::Message() << kReads[which].method << ", " << c.what);
+        for (const Row& row : tableRows("format-reads.tsv")) {
+            SCOPED_TRACE(::testing::Message() << kReads[which].method << ", " << row[0]);
+            const std::vector<int32_t> b = nums(row[3]);
+            const OutputFormat record =
+                    b.empty() ? OutputFormat{}
+                              : makeFormat(b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7]);
+            const bool callsBack = row[1] == "yes", transportFails = row[4] == "yes";
+            const int status = num(row[2]), result = num(row[5]);
             LogCapture::clear();
-            expectRead(which, Invoke([&c](IHdmiUtil::getCurrentOutputFormat_cb cb) {
-                           if (c.callsBack) cb(c.status, c.record);
-                           return c.transportFails
+            expectRead(which, Invoke([&](IHdmiUtil::getCurrentOutputFormat_cb cb) {
+                           if (callsBack) cb(status, record);
+                           return transportFails
                                           ? ::android::hardware::Return<void>(transportFailure())
                                           : Void();
                        }));
             _HDMI_OUTPUT_FORMAT fmt;
             memset(&fmt, 0xAA, sizeof(fmt));
-            EXPECT_EQ(kReads[which].call(&fmt), c.result);
-            EXPECT_TRUE(c.result == 0 ? memcmp(&fmt, &c.record, sizeof(fmt)) == 0
-                                      : allBytes(&fmt, sizeof(fmt), 0xAA));
-            EXPECT_EQ(errorLines(kReads[which].method), c.transportFails ? 1 : 0);
-            EXPECT_EQ(problemLines(), c.transportFails ? 1 : 0);
+            EXPECT_EQ(kReads[which].call(&fmt), result);
+            EXPECT_TRUE(result == 0 ? memcmp(&fmt, &record, sizeof(fmt)) == 0
+                                    : allBytes(&fmt, sizeof(fmt), 0xAA));
+            EXPECT_EQ(errorLines(kReads[which].method), transportFails ? 1 : 0);
+            EXPECT_EQ(problemLines(), transportFails ? 1 : 0);
             ::testing::Mock::VerifyAndClearExpectations(fake.get());
         }
     }

@@ -167,26 +167,18 @@ TEST_P(TryGetServiceTest, AnswersByThePropertyAndTheServiceHeld) {
 INSTANTIATE_TEST_SUITE_P(Values, TryGetServiceTest, ::testing::ValuesIn(kTryCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// The lock operations pass ids and answers through without a log line; after
-// the service dies, the next call reaches its successor. Acquisitions are
-// numbered from 1 and a death notice names the one it is about, so a late
-// notice leaves the newer connection alone.
+// After the service dies the next lock call reaches its successor.
+// Acquisitions are numbered from 1 and a death notice names the one it is
+// about, so a late notice leaves the newer connection alone.
 TEST_F(ServiceLinkTest, LockOperationsReachTheCurrentService) {
     createLib();
     LogCapture::clear();
-    EXPECT_CALL(*fake, acquireLock(5)).WillOnce(Return(-22)).WillOnce(Return(0x7fff1234));
-    EXPECT_EQ(hdmi_acquireLock(5), -22);
-    EXPECT_EQ(hdmi_acquireLock(5), 0x7fff1234);
-    EXPECT_CALL(*fake, releaseLock(5));
-    EXPECT_CALL(*fake, releaseLock(-3));
-    hdmi_releaseLock(5);
-    hdmi_releaseLock(-3);
-    EXPECT_TRUE(LogCapture::lines().empty());
-
     replaceService();
     EXPECT_EQ(LogCapture::countExact("serviceDied:E", ANDROID_LOG_WARN, kTag), 1);
     EXPECT_CALL(*fake, acquireLock(1)).WillOnce(Return(9));
     EXPECT_EQ(hdmi_acquireLock(1), 9);  // the second acquisition
+    EXPECT_CALL(*fake, releaseLock(-3));
+    hdmi_releaseLock(-3);
     controlOf(hdmi_getCurrentLibInstance())->serviceDied(1, nullptr);
     clearServices();
     const int held = hdmi_tryGetService();
