@@ -60,60 +60,28 @@ void emitBatchEvent(FakeHdmiUtil* service, int32_t batch, int32_t seq) {
                        (static_cast<int64_t>(batch) << 32) | static_cast<uint32_t>(seq));
 }
 
-// Both callbacks of the library, counting per batch what each received; an
-// event out of order, repeated, skipped over or with a damaged field is bad.
-// Deliveries to the second callback run `reentry` until the recorder goes; it
-// then waits for one in progress (a release must not meet a callback about to
-// enter the library) and releases the library, on every exit path.
-class BatchRecorder : public VistrelCallback, public VistrelCallback2 {
-  public:
-    ~BatchRecorder() override {
-        {
-            std::lock_guard<std::mutex> guard(mReentryLock);
-            reentry = nullptr;
+// What each callback received of each batch, in arrival order: an event out
+// of order, repeated, skipped over or with a damaged field is a failure. A
+// batch must be whole when `whole`, else it may miss events at its end.
+void expectBatches(const std::vector<Delivery>& got, int batches, int sent,
+                   const std::function<bool(int)>& whole) {
+    std::map<std::pair<int, int32_t>, int32_t> next;  // (callback, batch) -> next number
+    for (const Delivery& d : got) {
+        const int32_t batch = d.param1, seq = d.param2;
+        int32_t& expected = next[std::make_pair(d.target, batch)];
+        EXPECT_EQ(seq, expected++) << d.target << " batch " << batch;
+        const int64_t wide = (static_cast<int64_t>(batch) << 32) | static_cast<uint32_t>(seq);
+        EXPECT_TRUE(d.event == kEventCode &&
+                    (d.target == 1 || (d.param3 == ~seq && d.param4 == wide)));
+    }
+    for (int batch = 0; batch < batches; ++batch) {
+        for (int target : {1, 2}) {
+            const int32_t count = next[std::make_pair(target, batch)];
+            EXPECT_TRUE(whole(batch) ? count == sent : count <= sent)
+                    << target << " batch " << batch;
         }
-        hdmi_releaseLib();
     }
-
-    void onHdmiEvent(int32_t event, int32_t batch, int32_t seq) override {
-        note(0, batch, seq, event == kEventCode);
-    }
-    void onHdmiEvent(int32_t event, int32_t p1, int32_t p2, int32_t p3, int64_t p4) override {
-        const int32_t batch = static_cast<int32_t>(p4 >> 32);
-        const int32_t seq = static_cast<int32_t>(p4 & 0xFFFFFFFF);
-        note(1, batch, seq, event == kEventCode && p1 == batch && p2 == seq && p3 == ~seq);
-        std::lock_guard<std::mutex> guard(mReentryLock);
-        if (reentry) reentry();
-    }
-    // Each callback received all `sent` events of the batch (waited for), or
-    // when not `whole` at most that many: events in flight when the service or
-    // the library went away may be missing at the end.
-    bool delivered(int32_t batch, size_t sent, bool whole) {
-        std::unique_lock<std::mutex> guard(mLock);
-        auto all = [&] { return mCount[0][batch] >= sent && mCount[1][batch] >= sent; };
-        if (whole) mChanged.wait_for(guard, kWaitLimit, all);
-        auto fits = [&](size_t count) { return whole ? count == sent : count <= sent; };
-        return fits(mCount[0][batch]) && fits(mCount[1][batch]);
-    }
-
-    std::function<void()> reentry;
-    std::atomic<int> bad{0};
-
-  private:
-    void note(int target, int32_t batch, int32_t seq, bool fieldsIntact) {
-        {
-            std::lock_guard<std::mutex> guard(mLock);
-            size_t& count = mCount[target][batch];
-            if (!fieldsIntact || seq != static_cast<int32_t>(count)) ++bad;
-            ++count;
-        }
-        mChanged.notify_all();
-    }
-
-    std::mutex mLock, mReentryLock;
-    std::condition_variable mChanged;
-    std::map<int32_t, size_t> mCount[2];
-};
+}
 
 // Runs `scenario` on a thread of its own and ends the process with a message
 // when it has not returned within `limit`: a hung thread can be neither joined
@@ -193,20 +161,22 @@ class StressTest : public LibraryTest {
 TEST_F(StressTest, CallersEventsAndServiceRestartsTogether) {
     constexpr int kGenerations = 16, kEventsPerGeneration = 400;
     auto whole = [&](int gen) { return gen % 2 == 0 || gen + 1 == kGenerations; };
-    BatchRecorder recorder;
+    EventRecorder recorder;
+    RecordingCallback callback(&recorder, 1);
+    RecordingCallback2 callback2(&recorder, 2);
     Vistrel* lib = nullptr;
     int reentries = 0;  // only the worker thread counts
-    recorder.reentry = [&] {
+    callback2.hook = [&](const Delivery&) {
         const int n = reentries++;
         EXPECT_EQ(hdmi_getCurrentLibInstance(), lib);
-        hdmi_setExistingLibCallbacks(&recorder, &recorder);
+        hdmi_setExistingLibCallbacks(&callback, &callback2);
         EXPECT_THAT(hdmi_getForceOffVal(), AnyOf(0, 1));
         EXPECT_THAT(hdmi_getPropVal(0), AnyOf(0, -32));
         EXPECT_EQ(hdmi_updateVideoPlaneUsage(1, n, 0, 0, 0, 0, 2), 0);
         EXPECT_EQ(hdmi_getVRRGroupInfo(), nullptr);  // the fake's sink has no VRR range
         if (n % 500 == 0) hdmi_setCallback();        // registering again changes nothing
     };
-    lib = createLib(&recorder, &recorder);
+    lib = createLib(&callback, &callback2);
     ASSERT_NE(lib, nullptr);
     hdmi_setCallback();
 
@@ -242,11 +212,14 @@ TEST_F(StressTest, CallersEventsAndServiceRestartsTogether) {
     }
     stop = true;
     for (std::thread& caller : callers) caller.join();
-    fake->flushEvents();
-    for (int gen = 0; gen < kGenerations; ++gen) {
-        EXPECT_TRUE(recorder.delivered(gen, kEventsPerGeneration, whole(gen))) << gen;
-    }
-    EXPECT_EQ(recorder.bad, 0);
+    // The last batch is whole: once its last event reached the second
+    // callback, everything before it has been delivered.
+    EXPECT_TRUE(recorder.waitUntil([&](const std::vector<Delivery>& got) {
+        return !got.empty() && got.back().target == 2 && got.back().param1 == kGenerations - 1 &&
+               got.back().param2 == kEventsPerGeneration - 1;
+    }));
+    hdmi_releaseLib();  // before the callbacks go
+    expectBatches(recorder.deliveries(), kGenerations, kEventsPerGeneration, whole);
 }
 
 // A callback calls into the library while another thread releases it: the

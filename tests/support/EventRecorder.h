@@ -51,10 +51,16 @@ class EventRecorder {
         std::lock_guard<std::mutex> guard(mLock);
         return mDeliveries;
     }
+    // Waits until `done` holds for the calls recorded so far; false on timeout.
+    bool waitUntil(const std::function<bool(const std::vector<Delivery>&)>& done,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        std::unique_lock<std::mutex> guard(mLock);
+        return mChanged.wait_for(guard, timeout, [&] { return done(mDeliveries); });
+    }
     // Waits until at least `count` calls were recorded; false on timeout.
     bool waitFor(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-        std::unique_lock<std::mutex> guard(mLock);
-        return mChanged.wait_for(guard, timeout, [&] { return mDeliveries.size() >= count; });
+        return waitUntil([count](const std::vector<Delivery>& d) { return d.size() >= count; },
+                         timeout);
     }
 
   private:
