@@ -28,13 +28,6 @@
 
 namespace mirova::vistrelctl {
 
-namespace {
-
-// Bounds the wait for one step's events, so that a lost event ends the command.
-constexpr int kEventTimeoutMs = 5000;
-
-}  // namespace
-
 void EventSink::onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
                             int64_t param4) {
     std::lock_guard<std::mutex> guard(mLock);
@@ -54,6 +47,13 @@ std::vector<EventSink::Received> EventSink::events() {
 }
 
 #ifdef VISTRELCTL_EMULATED
+namespace {
+
+// Bounds the wait for one step's events, so that a lost event ends the command.
+constexpr int kEventTimeoutMs = 5000;
+
+}  // namespace
+
 // Plugs and unplugs the emulated TV: only the emulator has a cable to pull.
 int runEvents(Context& ctx) {
     int cycles = 2;
