@@ -49,7 +49,6 @@ namespace {
 
 using ::testing::AnyOf;
 using namespace std::chrono_literals;  // NOLINT(build/namespaces)
-constexpr auto kWaitLimit = 10s;
 constexpr int32_t kEventCode = 7;
 
 // Events carry their batch in param1 and in the high half of param4, their
