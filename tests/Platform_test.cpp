@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "support/FakeHdmiUtil.h"
+#include "support/LibraryTest.h"
 
 namespace mirova {
 namespace test {
@@ -349,29 +350,14 @@ TEST_F(PropertyStoreTest, UnsetOrEmptyGivesTheDefaultAndOverlongValuesAreRejecte
 // Android's spellings for a bool; integers in decimal or hex; the default for
 // anything else, or for an integer out of range.
 TEST_F(PropertyStoreTest, TypedReadsTakeAndroidSpellingsAndFallBackOtherwise) {
-    const struct {
-        const char* value;
-        int8_t asBool;
-    } bools[] = {{"1", 1},     {"y", 1},     {"yes", 1}, {"on", 1},  {"true", 1},
-                 {"0", 0},     {"n", 0},     {"no", 0},  {"off", 0}, {"false", 0},
-                 {"TRUE", -1}, {"yess", -1}, {"", -1},   {"2", -1}};
-    for (const auto& c : bools) {
-        ASSERT_EQ(property_set(kKey, c.value), 0);
-        EXPECT_EQ(property_get_bool(kKey, -1), c.asBool) << c.value;
-    }
-    const struct {
-        const char* value;
-        int32_t as32;
-        int64_t as64;
-    } ints[] = {{"0x10", 16, 16},
-                {"abc", -1, -1},
-                {"-2147483648", INT32_MIN, INT32_MIN},
-                {"2147483648", -1, 2147483648LL},
-                {"99999999999999999999", -1, -1}};
-    for (const auto& c : ints) {
-        ASSERT_EQ(property_set(kKey, c.value), 0);
-        EXPECT_EQ(property_get_int32(kKey, -1), c.as32) << c.value;
-        EXPECT_EQ(property_get_int64(kKey, -1), c.as64) << c.value;
+    for (const Row& row : tableRows("property-reads.tsv")) {
+        ASSERT_EQ(property_set(kKey, row[1].c_str()), 0);
+        if (row[0] == "bool") {
+            EXPECT_EQ(property_get_bool(kKey, -1), num(row[2])) << row[1];
+        } else {
+            EXPECT_EQ(property_get_int32(kKey, -1), num(row[2])) << row[1];
+            EXPECT_EQ(property_get_int64(kKey, -1), std::stoll(row[3])) << row[1];
+        }
     }
 }
 
