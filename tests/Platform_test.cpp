@@ -78,11 +78,14 @@ TEST(ReturnTest, StatusesDescribeTheFailureAndCheckedReturnsEndQuietly) {
     const Status dead = Status::fromStatusT(DEAD_OBJECT);
     EXPECT_EQ(dead.transactionError(), DEAD_OBJECT);
     EXPECT_EQ(dead.description(), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: '");
+    EXPECT_EQ(Status::ok().description(), "No error");
     const Status illegal = Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "bad fps");
     EXPECT_EQ(illegal.transactionError(), OK);
+    EXPECT_EQ(illegal.description(), "Status(EX_ILLEGAL_ARGUMENT): 'bad fps'");
     EXPECT_NE(Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED).transactionError(), OK);
 
     EXPECT_TRUE(failedCall().isDeadObject());
+    EXPECT_NE(failedCall().description().find("DEAD_OBJECT"), std::string::npos);
     EXPECT_EQ(failedCall().withDefault(-1), -1);
     EXPECT_FALSE(
             Return<int32_t>(Status::fromExceptionCode(Status::EX_ILLEGAL_STATE)).isDeadObject());
@@ -108,6 +111,10 @@ TEST(HidlVecTest, CopiesAreDeepMovesHandTheBufferOverExternalMemoryIsNotFreed) {
     original[0] = 100;
     EXPECT_EQ(std::vector<int32_t>(copy), (std::vector<int32_t>{1, 2, 3}));
     EXPECT_EQ(std::vector<int32_t>(assigned), (std::vector<int32_t>{1, 2, 3}));
+    hidl_vec<hidl_string> names{"hdmi", "dp"};
+    hidl_vec<hidl_string> namesCopy = names;
+    names[0] = "cvbs";
+    EXPECT_EQ(std::string(namesCopy[0]), "hdmi");
 
     const int32_t* buffer = original.data();
     hidl_vec<int32_t> moved(std::move(original));
@@ -132,7 +139,7 @@ TEST(HidlVecTest, CopiesAreDeepMovesHandTheBufferOverExternalMemoryIsNotFreed) {
     EXPECT_EQ(std::vector<int32_t>(foreign, foreign + 2), (std::vector<int32_t>{10, 21}));
 }
 
-TEST(HidlStringTest, StringsCopyTheirContents) {
+TEST(HidlStringTest, StringsAndArraysCopyTheirContents) {
     hidl_string text("a\0b", 3);
     hidl_string copy(text);
     EXPECT_NE(copy.c_str(), text.c_str());
@@ -149,6 +156,13 @@ TEST(HidlStringTest, StringsCopyTheirContents) {
     hidl_string view;
     view.setToExternal(foreign, 7);
     view = moved;  // must not free the caller's array
+
+    const int32_t source[2] = {1, 2};
+    hidl_array<int32_t, 2> array(source);
+    hidl_array<int32_t, 2> arrayCopy = array;
+    array[0] = 9;
+    EXPECT_EQ(arrayCopy[0], 1);
+    EXPECT_EQ(arrayCopy[1], 2);
 }
 
 // The library wraps its caller's descriptors without owning them.
