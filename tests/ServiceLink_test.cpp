@@ -90,6 +90,19 @@ class ServiceLinkTest : public LibraryTest {
         EXPECT_LT(Clock::now() - sent, 500ms) << "event " << event;
     }
 
+    // Starts hdmi_releaseLib() on a thread of its own and checks that it is
+    // still waiting 100 ms later; the caller lets it finish and joins it.
+    std::thread startWaitingRelease() {
+        std::thread releasing([this] {
+            hdmi_releaseLib();
+            released = true;
+        });
+        std::this_thread::sleep_for(100ms);
+        EXPECT_FALSE(released);
+        return releasing;
+    }
+
+    std::atomic<bool> released{false};
     EventRecorder recorder;
     RecordingCallback callback{&recorder, 1};
     RecordingCallback2 callback2{&recorder, 2};
@@ -223,13 +236,7 @@ TEST_F(ServiceLinkTest, ReleaseEndsDeliveryAndLaterEventsTouchNothing) {
     fake->emitEvent(2, 0, 0, 0, 0);
     fake->flushEvents();
     gate.awaitWaiters(1);
-    std::atomic<bool> released{false};
-    std::thread releasing([&] {
-        hdmi_releaseLib();
-        released = true;
-    });
-    std::this_thread::sleep_for(100ms);
-    EXPECT_FALSE(released);
+    std::thread releasing = startWaitingRelease();
     gate.open();
     releasing.join();
     EXPECT_EQ(recorder.deliveries().size(), 2u);  // event 1 to both callbacks, not event 2
@@ -336,13 +343,7 @@ TEST_F(ServiceLinkTest, ReleaseWithoutAServiceWaitsForOne) {
     hdmi_setCallback();
     replaceService();
     clearServices();
-    std::atomic<bool> released{false};
-    std::thread releasing([&] {
-        hdmi_releaseLib();
-        released = true;
-    });
-    std::this_thread::sleep_for(100ms);
-    EXPECT_FALSE(released);
+    std::thread releasing = startWaitingRelease();
     fake->publish();
     releasing.join();
     EXPECT_EQ(fake->registrationCount(), 0u);
