@@ -165,6 +165,10 @@ TEST_F(StressTest, CallersEventsAndServiceRestartsTogether) {
     RecordingCallback2 callback2(&recorder, 2);
     Vistrel* lib = nullptr;
     int reentries = 0;  // only the worker thread counts
+    // Gone first on every exit path: no delivery may outlive what it uses.
+    struct ReleaseOnExit {
+        ~ReleaseOnExit() { hdmi_releaseLib(); }
+    } releaseFirst;
     callback2.hook = [&](const Delivery&) {
         const int n = reentries++;
         EXPECT_EQ(hdmi_getCurrentLibInstance(), lib);
@@ -217,7 +221,7 @@ TEST_F(StressTest, CallersEventsAndServiceRestartsTogether) {
         return !got.empty() && got.back().target == 2 && got.back().param1 == kGenerations - 1 &&
                got.back().param2 == kEventsPerGeneration - 1;
     }));
-    hdmi_releaseLib();  // before the callbacks go
+    hdmi_releaseLib();  // nothing arrives while the deliveries are read
     expectBatches(recorder.deliveries(), kGenerations, kEventsPerGeneration, whole);
 }
 
