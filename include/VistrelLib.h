@@ -77,6 +77,10 @@ class HdmiControl : public IHdmiUtilCallback,
     ::android::sp<IHdmiUtil> getServiceRef() EXCLUDES(mServiceLock);
 
     void setCallback() EXCLUDES(mCallbackLock);
+    // A service instance was registered: one attempt to acquire it while
+    // events are wanted and none is held, so that events resume after a
+    // service restart without any call by the caller.
+    void serviceRegistered() EXCLUDES(mServiceLock);
     void removeCallback() EXCLUDES(mCallbackLock);
     // removeCallback() for a caller that already holds mCallbackLock.
     void removeCallbackLocked() REQUIRES(mCallbackLock);
@@ -103,6 +107,8 @@ class HdmiControl : public IHdmiUtilCallback,
     // Links a newly acquired service to this object's death notice and
     // renews the event registration with it.
     void attachService(const ::android::sp<IHdmiUtil>& service) REQUIRES(mServiceLock);
+    // tryGetService() for a holder of mServiceLock.
+    ::android::sp<IHdmiUtil> acquireLocked() REQUIRES(mServiceLock);
     // Registers with `service` under this process's id and name.
     void registerWith(IHdmiUtil* service);
     void clearService(uint64_t generation) EXCLUDES(mServiceLock);
@@ -131,6 +137,9 @@ class HdmiControl : public IHdmiUtilCallback,
     // the owner's event queue and worker locks.
     ::android::Mutex mOwnerLock;
     ::android::Condition mOwnerUnpinned;
+    // Announces new registrations of the service; made with the first setCallback().
+    ::android::sp<::android::hidl::manager::V1_0::IServiceNotification> mRestartWatch
+            GUARDED_BY(mCallbackLock);
 };
 
 // The one library object behind the exported functions.

@@ -56,6 +56,21 @@ std::string processName(int32_t pid) {
     return std::string(name);  // up to the first NUL: the first argument
 }
 
+// Hands the service's new registrations to its HdmiControl while it lives.
+class RestartWatch : public ::android::hidl::manager::V1_0::IServiceNotification {
+  public:
+    explicit RestartWatch(const wp<HdmiControl>& control) : mControl(control) {}
+    Return<void> onRegistration(const hidl_string& /*fqName*/, const hidl_string& /*name*/,
+                                bool preexisting) override {
+        sp<HdmiControl> control = mControl.promote();
+        if (!preexisting && control != nullptr) control->serviceRegistered();
+        return Void();
+    }
+
+  private:
+    const wp<HdmiControl> mControl;
+};
+
 }  // namespace
 
 HdmiControl::HdmiControl(Vistrel* owner) : mOwner(owner), mPid(getpid()) {
@@ -70,6 +85,15 @@ HdmiControl::~HdmiControl() {
 
 sp<IHdmiUtil> HdmiControl::tryGetService() {
     Mutex::Autolock _l(mServiceLock);
+    return acquireLocked();
+}
+
+void HdmiControl::serviceRegistered() {
+    Mutex::Autolock _l(mServiceLock);
+    if (mRegistered) acquireLocked();
+}
+
+sp<IHdmiUtil> HdmiControl::acquireLocked() {
     if (mService == nullptr) {
         char value[PROPERTY_VALUE_MAX];
         property_get(kServiceStartProperty, value, "0");
@@ -120,6 +144,10 @@ void HdmiControl::registerWith(IHdmiUtil* service) {
 
 void HdmiControl::setCallback() {
     Mutex::Autolock _l(mCallbackLock);
+    if (mRestartWatch == nullptr) {
+        mRestartWatch = new RestartWatch(this);
+        IHdmiUtil::registerForNotifications("default", mRestartWatch);
+    }
     sp<IHdmiUtil> service = getServiceRef();
     {
         Mutex::Autolock _s(mServiceLock);

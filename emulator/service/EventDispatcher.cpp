@@ -24,6 +24,8 @@ namespace mirova::emulator {
 
 using ::android::Mutex;
 using ::android::sp;
+using ::android::wp;
+using ::android::hidl::base::V1_0::IBase;
 
 namespace {
 
@@ -31,8 +33,22 @@ constexpr size_t kRecentEvents = 32;
 
 }  // namespace
 
+// A client's process died (its connection to this service ended).
+class EventDispatcher::ClientDeath : public ::android::hardware::hidl_death_recipient {
+  public:
+    explicit ClientDeath(std::weak_ptr<EventDispatcher> owner) : mOwner(std::move(owner)) {}
+    void serviceDied(uint64_t pid, const ::android::wp<IBase>& who) override {
+        std::shared_ptr<EventDispatcher> owner = mOwner.lock();
+        if (owner != nullptr) owner->dropDeadClient(static_cast<int32_t>(pid), who);
+    }
+
+  private:
+    const std::weak_ptr<EventDispatcher> mOwner;
+};
+
 std::shared_ptr<EventDispatcher> EventDispatcher::start() {
     std::shared_ptr<EventDispatcher> dispatcher(new EventDispatcher());
+    dispatcher->mClientDeath = new ClientDeath(dispatcher);
     dispatcher->mThread = std::thread([self = dispatcher] { self->run(); });
     return dispatcher;
 }
@@ -50,6 +66,23 @@ void EventDispatcher::setCallback(int32_t pid, const std::string& name,
     }
     mClients[pid] = {name, callback};
     ALOGD("client %d (%s) registered", pid, name.c_str());
+    // Linking does not call out: a callback whose process is already gone
+    // refuses the link and is dropped at once.
+    auto linked = callback->linkToDeath(mClientDeath, static_cast<uint64_t>(pid));
+    if (!linked.isOk() || !linked) {
+        ALOGW("client %d (%s) is already gone", pid, name.c_str());
+        mClients.erase(pid);
+    }
+}
+
+void EventDispatcher::dropDeadClient(int32_t pid, const wp<IBase>& callback) {
+    sp<IHdmiUtilCallback> dropped;  // released after the lock
+    Mutex::Autolock _l(mLock);
+    auto it = mClients.find(pid);
+    if (it == mClients.end() || callback.unsafe_get() != it->second.callback.get()) return;
+    dropped = it->second.callback;
+    ALOGI("client %d (%s) died: registration dropped", pid, it->second.name.c_str());
+    mClients.erase(it);
 }
 
 void EventDispatcher::removeCallback(int32_t pid) {

@@ -61,6 +61,7 @@ class EventDispatcher : public std::enable_shared_from_this<EventDispatcher> {
     ~EventDispatcher();
 
     // Registers `callback` for `pid`, replacing an earlier registration of it.
+    // The registration ends with the client's process (its callback's death).
     void setCallback(int32_t pid, const std::string& name,
                      const ::android::sp<IHdmiUtilCallback>& callback) EXCLUDES(mLock);
     void removeCallback(int32_t pid) EXCLUDES(mLock);
@@ -79,7 +80,13 @@ class EventDispatcher : public std::enable_shared_from_this<EventDispatcher> {
     void shutdown() EXCLUDES(mLock);
 
   private:
+    class ClientDeath;
+
     EventDispatcher() = default;
+    // Drops the registration of `pid` if `callback` still holds it.
+    void dropDeadClient(int32_t pid,
+                        const ::android::wp<::android::hidl::base::V1_0::IBase>& callback)
+            EXCLUDES(mLock);
     // The thread's body: sends events until shutdown.
     void run() EXCLUDES(mLock);
     // Sends one event; false once stopping.
@@ -103,6 +110,8 @@ class EventDispatcher : public std::enable_shared_from_this<EventDispatcher> {
     // A short history for the debug command, and the total.
     std::deque<ServiceEvent> mRecent GUARDED_BY(mLock);
     uint64_t mSent GUARDED_BY(mLock) = 0;
+    // Linked to every registered callback.
+    ::android::sp<ClientDeath> mClientDeath;
     // The sending thread; joined (or, from itself, detached) once by shutdown().
     std::thread mThread;
     std::once_flag mThreadEnded;

@@ -17,6 +17,7 @@
 #define LOG_TAG "HidlSupport"
 
 #include <android/hidl/base/1.0/IBase.h>
+#include <android/hidl/manager/1.0/IServiceNotification.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
 #include <log/log.h>
@@ -178,5 +179,43 @@ const char* IBase::descriptor = "android.hidl.base@1.0::IBase";
 
 }  // namespace V1_0
 }  // namespace base
+
+// The registration notice of the service manager's interface, as a local
+// object answers for itself.
+namespace manager {
+namespace V1_0 {
+
+const char* IServiceNotification::descriptor = "android.hidl.manager@1.0::IServiceNotification";
+
+::android::hardware::Return<void> IServiceNotification::interfaceChain(
+        interfaceChain_cb _hidl_cb) {  // NOLINT(performance-unnecessary-value-param)
+    _hidl_cb({::android::hardware::hidl_string(descriptor),
+              ::android::hardware::hidl_string(base::V1_0::IBase::descriptor)});
+    return ::android::hardware::Void();
+}
+
+::android::hardware::Return<void> IServiceNotification::interfaceDescriptor(
+        interfaceDescriptor_cb _hidl_cb) {  // NOLINT(performance-unnecessary-value-param)
+    _hidl_cb(descriptor);
+    return ::android::hardware::Void();
+}
+
+::android::hardware::Return<void> IServiceNotification::ping() {
+    return ::android::hardware::Void();
+}
+
+::android::hardware::Return<bool> IServiceNotification::linkToDeath(
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient,
+        uint64_t /*cookie*/) {
+    return recipient != nullptr;
+}
+
+::android::hardware::Return<bool> IServiceNotification::unlinkToDeath(
+        const ::android::sp<::android::hardware::hidl_death_recipient>& recipient) {
+    return recipient != nullptr;
+}
+
+}  // namespace V1_0
+}  // namespace manager
 }  // namespace hidl
 }  // namespace android

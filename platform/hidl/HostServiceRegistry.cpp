@@ -20,6 +20,7 @@
 #include <log/log.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -159,14 +160,19 @@ std::shared_ptr<ServiceEntry> findService(const std::string& descriptor,
 }
 
 std::shared_ptr<ServiceEntry> waitForService(const std::string& descriptor,
-                                             const std::string& instance) {
+                                             const std::string& instance, int timeoutMs) {
     Registry& r = registry();
     std::unique_lock<std::mutex> guard(r.lock);
     const std::string key = keyOf(descriptor, instance);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         auto it = r.entries.find(key);
         if (it != r.entries.end()) return it->second;
-        r.changed.wait(guard);
+        if (timeoutMs < 0) {
+            r.changed.wait(guard);
+        } else if (r.changed.wait_until(guard, limit) == std::cv_status::timeout) {
+            return nullptr;
+        }
     }
 }
 

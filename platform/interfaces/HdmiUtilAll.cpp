@@ -23,12 +23,17 @@
 #define LOG_TAG "vendor.mirova.hdmiutil.provider@1.0"
 
 #include <hidl/HostServiceRegistry.h>
+#include <hidl/HostTransport.h>
 #include <log/log.h>
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtilCallback.h>
 
 #include <memory>
 #include <utility>
+
+// The marshalling between processes, written at build time from the generated
+// headers: structure field lists, proxy methods and dispatch functions.
+#include "HdmiUtilRemote.inc"
 
 namespace vendor {
 namespace mirova {
@@ -283,6 +288,54 @@ class BpHwHdmiUtil : public IHdmiUtil {
     const sp<IHdmiUtil> mService;
 };
 
+// The proxies of objects in another process, and the dispatch of calls from
+// another process to local objects.
+using ::android::hardware::host::CallContext;
+using ::android::hardware::host::SocketProxy;
+using ::android::hardware::host::WireIn;
+using ::android::hardware::host::WireOut;
+
+class BpSockHdmiUtil : public SocketProxy<IHdmiUtil> {
+  public:
+    using SocketProxy::SocketProxy;
+    VISTREL_REMOTE_IHdmiUtil_METHODS
+};
+
+class BpSockHdmiUtilCallback : public SocketProxy<IHdmiUtilCallback> {
+  public:
+    using SocketProxy::SocketProxy;
+    VISTREL_REMOTE_IHdmiUtilCallback_METHODS
+};
+
+VISTREL_REMOTE_IHdmiUtil_DISPATCH VISTREL_REMOTE_IHdmiUtilCallback_DISPATCH
+
+        template <typename I,
+                  ::android::status_t (*Serve)(I*, uint32_t, WireIn&, WireOut*, const CallContext&)>
+        ::android::status_t dispatchTo(const sp<IBase>& target, uint32_t code, WireIn& in,
+                                       WireOut* out, const CallContext& context) {
+    return Serve(static_cast<I*>(target.get()), code, in, out, context);
+}
+
+template <typename Proxy>
+sp<IBase> makeProxy(const sp<::android::hardware::host::Connection>& link, uint32_t object) {
+    return new Proxy(link, object);
+}
+
+const bool kCodecsRegistered = [] {
+    ::android::hardware::host::registerCodec({IHdmiUtil::descriptor,
+                                              &dispatchTo<IHdmiUtil, dispatchIHdmiUtil>,
+                                              &makeProxy<BpSockHdmiUtil>});
+    ::android::hardware::host::registerCodec(
+            {IHdmiUtilCallback::descriptor,
+             &dispatchTo<IHdmiUtilCallback, dispatchIHdmiUtilCallback>,
+             &makeProxy<BpSockHdmiUtilCallback>});
+    return true;
+}();
+
+// How long a waiting lookup sleeps between looks at the socket folder; an
+// in-process registration ends the wait at once.
+constexpr int kRemoteLookupPollMs = 50;
+
 sp<IHdmiUtil> proxyFor(const std::shared_ptr<ServiceEntry>& entry) {
     if (entry == nullptr) return nullptr;
     sp<::android::hidl::base::V1_0::IBase> base = entry->service();
@@ -319,16 +372,38 @@ Return<sp<IHdmiUtil>> IHdmiUtil::castFrom(const sp<IBase>& parent, bool emitErro
     return castInterface<IHdmiUtil>(parent, emitError);
 }
 
+// A service of this process first; else one served by another process.
 sp<IHdmiUtil> IHdmiUtil::tryGetService(const std::string& serviceName, bool /*getStub*/) {
-    return proxyFor(::android::hardware::host::findService(descriptor, serviceName));
+    sp<IHdmiUtil> local = proxyFor(::android::hardware::host::findService(descriptor, serviceName));
+    if (local != nullptr) return local;
+    sp<IBase> remote = ::android::hardware::host::connectService(descriptor, serviceName);
+    return static_cast<IHdmiUtil*>(remote.get());
 }
 
-sp<IHdmiUtil> IHdmiUtil::getService(const std::string& serviceName, bool /*getStub*/) {
+sp<IHdmiUtil> IHdmiUtil::getService(const std::string& serviceName, bool getStub) {
     for (;;) {
-        sp<IHdmiUtil> service =
-                proxyFor(::android::hardware::host::waitForService(descriptor, serviceName));
+        sp<IHdmiUtil> service = tryGetService(serviceName, getStub);
         if (service != nullptr) return service;
+        ::android::hardware::host::waitForService(descriptor, serviceName, kRemoteLookupPollMs);
     }
+}
+
+// New registrations by other processes are announced; those in this process
+// are not (tests restart in-process services by hand and acquire on purpose).
+bool IHdmiUtil::registerForNotifications(
+        const std::string& serviceName,
+        const sp<::android::hidl::manager::V1_0::IServiceNotification>& notification) {
+    if (notification == nullptr) return false;
+    wp<::android::hidl::manager::V1_0::IServiceNotification> weak = notification;
+    ::android::hardware::host::watchService(
+            descriptor, serviceName, wp<IBase>(notification),
+            [weak, serviceName](bool preexisting) {
+                sp<::android::hidl::manager::V1_0::IServiceNotification> n = weak.promote();
+                if (n == nullptr) return;
+                auto done = n->onRegistration(descriptor, serviceName, preexisting);
+                if (!done.isOk()) ALOGW("registration notice: %s", done.description().c_str());
+            });
+    return true;
 }
 
 ::android::status_t IHdmiUtil::registerAsService(const std::string& serviceName) {

@@ -33,7 +33,7 @@ fi
 
 cmake -S . -B build-tidy -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
       -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
-cmake --build build-tidy --target hidl_headers >/dev/null
+cmake --build build-tidy --target hidl_headers hidl_remote >/dev/null
 
 sources=$(files HDMIWrapper.cpp 'Vistrel/*.cpp' 'platform/*.cpp' 'emulator/*.cpp' 'tools/*.cpp')
 out=build-tidy/tidy.log

@@ -99,9 +99,7 @@ int runRouting(Context& ctx);
 int runDevice(Context& ctx);
 int runTopology(Context& ctx);
 // Events and diagnostics.
-#ifdef VISTRELCTL_EMULATED
 int runEvents(Context& ctx);
-#endif
 int runDump(Context& ctx);
 
 // Reads the TV capability record; false with ctx.error set when it fails.

@@ -292,9 +292,11 @@ int runRouting(Context& ctx) {
     ctx.report = Value::object().set("diff_source", hdmi_getDiffSourceValue());
 #ifdef VISTRELCTL_EMULATED
     // The interface type has no flat entry point: it is read from the service itself.
-    const int type = ctx.service->state().interfaceType;
-    ctx.report.set("service_interface_type", type)
-            .set("service_interface_name", interfaceTypeName(type));
+    if (ctx.service != nullptr) {
+        const int type = ctx.service->state().interfaceType;
+        ctx.report.set("service_interface_type", type)
+                .set("service_interface_name", interfaceTypeName(type));
+    }
 #endif
     return kExitOk;
 }
@@ -325,7 +327,7 @@ int runDevice(Context& ctx) {
     r.set("color_mode", hdmi_readColorModeEnum());
     r.set("edid_auto_mode", hdmi_readEdidAutoMode());
 #ifdef VISTRELCTL_EMULATED
-    r.set("service_display_state", ctx.service->state().displayState);
+    if (ctx.service != nullptr) r.set("service_display_state", ctx.service->state().displayState);
 #endif
     ctx.report = r;
     return kExitOk;
@@ -358,7 +360,7 @@ int runTopology(Context& ctx) {
     Value rows = Value::array();
     for (const Report& r : reports) {
 #ifdef VISTRELCTL_EMULATED
-        const int before = ctx.service->state().topologyReports;
+        const int before = ctx.service != nullptr ? ctx.service->state().topologyReports : 0;
 #endif
         hdmi_updateVideoPlaneUsage(1, r.i0, r.i1, r.i2, r.i3, r.hdr, r.plane);
         Value row = Value::object();
@@ -367,7 +369,9 @@ int runTopology(Context& ctx) {
                 .set("instance", std::to_string(r.i0) + "," + std::to_string(r.i1) + "," +
                                          std::to_string(r.i2) + "," + std::to_string(r.i3));
 #ifdef VISTRELCTL_EMULATED
-        row.set("sent_to_service", ctx.service->state().topologyReports != before);
+        if (ctx.service != nullptr) {
+            row.set("sent_to_service", ctx.service->state().topologyReports != before);
+        }
 #endif
         rows.push(row);
     }
@@ -377,7 +381,7 @@ int runTopology(Context& ctx) {
     // What the service holds now for the composer.
     Value received = Value::array();
     ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo topo;
-    if (ctx.service->lastTopology(1, &topo)) {
+    if (ctx.service != nullptr && ctx.service->lastTopology(1, &topo)) {
         for (const auto& i : topo.instances) {
             received.push(Value::object()
                                   .set("plane", i.plane)

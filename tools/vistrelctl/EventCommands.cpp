@@ -18,6 +18,7 @@
 
 #define LOG_TAG "vistrelctl"
 
+#include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -46,6 +47,51 @@ std::vector<EventSink::Received> EventSink::events() {
     return mEvents;
 }
 
+namespace {
+
+volatile sig_atomic_t gInterrupted = 0;
+
+void onInterrupt(int /*signal*/) {
+    gInterrupted = 1;
+}
+
+// How often a follower looks for an interruption while no event comes.
+constexpr int kFollowPollMs = 200;
+
+// events --follow: one line per event as it arrives (flushed at once), until
+// SIGINT or SIGTERM.
+int followEvents(Context& ctx) {
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    size_t seen = 0;
+    while (!gInterrupted) {
+        if (!ctx.events->waitForCount(seen + 1, kFollowPollMs)) continue;
+        const std::vector<EventSink::Received> all = ctx.events->events();
+        for (; seen < all.size(); ++seen) {
+            const _vistrel_event& e = all[seen].event;
+            const long long us =
+                    std::chrono::duration_cast<std::chrono::microseconds>(all[seen].at - start)
+                            .count();
+            if (ctx.json) {
+                printf("{\"t_us\": %lld, \"event\": %d, \"name\": \"%s\", \"param1\": %d, "
+                       "\"param2\": %d, \"param3\": %d, \"param4\": %lld}\n",
+                       us, e.event, eventName(e.event).c_str(), e.param1, e.param2, e.param3,
+                       static_cast<long long>(e.param4));
+            } else {
+                printf("%10.3f  %-14s %8d %8d %8d  %lld\n", us / 1000.0, eventName(e.event).c_str(),
+                       e.param1, e.param2, e.param3, static_cast<long long>(e.param4));
+            }
+            fflush(stdout);
+        }
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
 #ifdef VISTRELCTL_EMULATED
 namespace {
 
@@ -53,9 +99,19 @@ namespace {
 constexpr int kEventTimeoutMs = 5000;
 
 }  // namespace
+#endif
 
 // Plugs and unplugs the emulated TV: only the emulator has a cable to pull.
 int runEvents(Context& ctx) {
+    if (ctx.args.size() == 1 && ctx.args[0] == "--follow") return followEvents(ctx);
+#ifndef VISTRELCTL_EMULATED
+    return ctx.fail(kExitUsage, "events: '--follow' expected");
+#else
+    if (ctx.service == nullptr) {
+        return ctx.fail(kExitUsage,
+                        "events: vistrel-hdmid's TV is worked with 'vistrelctl tv'; "
+                        "watch with 'events --follow'");
+    }
     int cycles = 2;
     const std::vector<std::string>& a = ctx.args;
     if (!a.empty() && !(a.size() == 2 && a[0] == "--cycles" && parseInt(a[1], 1, 20, &cycles))) {
@@ -63,7 +119,7 @@ int runEvents(Context& ctx) {
     }
     const auto start = std::chrono::steady_clock::now();
     const std::vector<uint8_t> edid = ctx.service->sink().edid();
-    std::vector<std::pair<std::string, std::function<void()>>> steps;
+    std::vector<std::pair<std::string, std::function<void()> > > steps;
     for (int i = 0; i < cycles; ++i) {
         steps.push_back({"unplug", [&] { ctx.service->unplug(); }});
         steps.push_back({"plug", [&] { ctx.service->plug(); }});
@@ -113,8 +169,8 @@ int runEvents(Context& ctx) {
     }
     if (ctx.json) ctx.report = Value::object().set("count", seen).set("events", rows);
     return kExitOk;
-}
 #endif
+}
 
 int runDump(Context& ctx) {
     const std::vector<std::string>& a = ctx.args;

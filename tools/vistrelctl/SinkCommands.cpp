@@ -194,7 +194,7 @@ int runCaps(Context& ctx) {
     r.set("max_tmds_mhz", cap.capWord0);
     r.set("max_frl_rate", cap.capWord2);
 #ifdef VISTRELCTL_EMULATED
-    r.set("link", linkValue(ctx.service->sink().link()));
+    if (ctx.service != nullptr) r.set("link", linkValue(ctx.service->sink().link()));
 #endif
     std::vector<std::string> encodings = {"RGB"};
     if (cap.capWord4 & kEncodingYCbCr444) encodings.push_back("YCbCr444");
@@ -252,13 +252,17 @@ int runFormats(Context& ctx) {
     int filter = 0;
     bool all = false;
 #ifdef VISTRELCTL_EMULATED
-    SourceLimits source = ctx.service->sourceLimits();
+    // The link view is the emulated source's own: only with the service in this process.
+    const bool linkView = ctx.service != nullptr;
+    SourceLimits source = linkView ? ctx.service->sourceLimits() : SourceLimits();
 #endif
     for (size_t i = 0; i < ctx.args.size(); ++i) {
         const std::string& arg = ctx.args[i];
         if (arg == "--hdr-filter") {
             filter = 1;
 #ifdef VISTRELCTL_EMULATED
+        } else if (!linkView && (arg == "--all" || arg.rfind("--source-", 0) == 0)) {
+            return ctx.fail(kExitUsage, "formats: " + arg + " needs the service in this process");
         } else if (arg == "--all") {
             all = true;
         } else if ((arg == "--source-tmds" || arg == "--source-frl") && i + 1 < ctx.args.size()) {
@@ -276,7 +280,7 @@ int runFormats(Context& ctx) {
         }
     }
 #ifdef VISTRELCTL_EMULATED
-    ctx.service->setSourceLimits(source);
+    if (linkView) ctx.service->setSourceLimits(source);
 #endif
     const int result = hdmi_getEDIDSupportList(filter);
     if (result != 0) {
@@ -286,7 +290,7 @@ int runFormats(Context& ctx) {
     android::Vector<_HDMI_FORMAT_SUPPORT> list;
     hdmi_queryEDIDSupportList(&list);
 #ifdef VISTRELCTL_EMULATED
-    const emulator::SinkProfile sink = ctx.service->sink();
+    const emulator::SinkProfile sink = linkView ? ctx.service->sink() : emulator::SinkProfile();
 #endif
 
     auto formatRow = [&](int vic, const _HDMI_FORMAT_SUPPORT* f) {
@@ -306,7 +310,7 @@ int runFormats(Context& ctx) {
         row.set("listed", f != &none);
 #ifdef VISTRELCTL_EMULATED
         // The most demanding entry the link carries: how close the format comes to its limits.
-        row.set("link", f != &none ? needText(highestNeed(sink, vic)) : "refused");
+        if (linkView) row.set("link", f != &none ? needText(highestNeed(sink, vic)) : "refused");
 #endif
         row.set("flags", hexBytes(&f->flags1, 7));
         return row;
@@ -336,7 +340,7 @@ int runFormats(Context& ctx) {
     Value r = Value::object();
     r.set("hdr_filter", filter != 0);
 #ifdef VISTRELCTL_EMULATED
-    r.set("link", linkValue(sink.link()));
+    if (linkView) r.set("link", linkValue(sink.link()));
 #endif
     r.set("count", count);
     r.set("formats", rows);

@@ -15,10 +15,11 @@
  */
 
 // vistrelctl: pokes libVistrel by hand, as a composer or media player would.
-// The host build (VISTRELCTL_EMULATED) runs it against an emulated TV whose
-// HDMI service runs in this process (the service registry is in-process); on
-// a device it drives the real service. Everything else goes through the
-// library's flat hdmi_* interface.
+// The host build (VISTRELCTL_EMULATED) uses the emulated HDMI service of a
+// running vistrel-hdmid when one answers on the socket folder, and otherwise
+// starts an emulated TV's service in this process; on a device it drives the
+// real service. Everything else goes through the library's flat hdmi_*
+// interface.
 
 #define LOG_TAG "vistrelctl"
 
@@ -32,6 +33,11 @@
 
 #include "Commands.h"
 #ifdef VISTRELCTL_EMULATED
+#include <cutils/properties.h>
+#include <hidl/HostTransport.h>
+#include <stdlib.h>
+
+#include "ControlChannel.h"
 #include "DefaultEdid.h"
 #include "HdmiUtilEmulator.h"
 #endif
@@ -41,10 +47,11 @@ namespace {
 
 constexpr const char* kUsage =
 #ifdef VISTRELCTL_EMULATED
-        "usage: vistrelctl [--edid FILE] [--json] [--verbose] COMMAND [ARGS]\n"
+        "usage: vistrelctl [--edid FILE] [--socket-dir DIR] [--json] [--verbose] COMMAND [ARGS]\n"
         "\n"
-        "Runs libVistrel against an emulated TV (default: the built-in LG OLED C9 EDID,\n"
-        "a 4K HDR TV) and shows what the library reports.\n"
+        "Runs libVistrel against the emulated HDMI service of a running vistrel-hdmid,\n"
+        "or, when none runs, against an emulated TV in this process (default: the\n"
+        "built-in LG OLED C9 EDID, a 4K HDR TV), and shows what the library reports.\n"
 #else
         "usage: vistrelctl [--json] [--verbose] COMMAND [ARGS]\n"
         "\n"
@@ -81,12 +88,18 @@ constexpr const char* kUsage =
 #ifdef VISTRELCTL_EMULATED
         "  events [--cycles N]            plug and unplug the TV N times (default 2) and\n"
         "                                 show the events the library delivers\n"
+        "  tv plug | tv unplug | tv edid FILE\n"
+        "                                 work the running vistrel-hdmid's TV (edid: swap\n"
+        "                                 the TV for the one of FILE)\n"
 #endif
+        "  events --follow                print every event as it arrives, until interrupted\n"
         "  dump [--cmd N]                 the service's state report (or debug command N)\n"
         "\n"
         "options:\n"
 #ifdef VISTRELCTL_EMULATED
-        "  --edid FILE   emulate the TV of this EDID file instead\n"
+        "  --edid FILE   emulate the TV of this EDID file instead (in this process)\n"
+        "  --socket-dir DIR  where vistrel-hdmid listens (default: $VISTREL_SOCKET_DIR,\n"
+        "                else $XDG_RUNTIME_DIR/vistrel, else /tmp/vistrel-UID)\n"
 #endif
         "  --json        print the result as JSON (nothing else on stdout)\n"
         "  --verbose     show the library's and the service's log lines on stderr\n"
@@ -105,10 +118,7 @@ constexpr CommandEntry kCommands[] = {
         {"edid", runEdid},       {"format", runFormat}, {"hdr", runHdr},
         {"prop", runProp},       {"vrr", runVrr},       {"allm", runAllm},
         {"routing", runRouting}, {"device", runDevice}, {"topology", runTopology},
-#ifdef VISTRELCTL_EMULATED
-        {"events", runEvents},
-#endif
-        {"dump", runDump},
+        {"events", runEvents},   {"dump", runDump},
 };
 
 bool gVerbose = false;
@@ -126,6 +136,40 @@ int error(int code, const std::string& message) {
     fprintf(stderr, "vistrelctl: %s\n", message.c_str());
     return code;
 }
+
+#ifdef VISTRELCTL_EMULATED
+constexpr const char* kServiceStartProperty = "vendor.mirova.hdmi.service.start";
+
+// Whether a vistrel-hdmid serves the socket folder.
+bool daemonAnswers() {
+    using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
+    return ::android::hardware::host::connectService(IHdmiUtil::descriptor, "default") != nullptr;
+}
+
+// tv plug | tv unplug | tv edid FILE: the running daemon's TV.
+int runTv(const std::vector<std::string>& args) {
+    std::string command;
+    std::vector<uint8_t> edid;
+    if (args.size() == 1 && (args[0] == "plug" || args[0] == "unplug")) {
+        command = args[0];
+    } else if (args.size() == 2 && args[0] == "edid") {
+        std::string why;
+        if (emulator::HdmiUtilEmulator::fromFile(args[1], &why) == nullptr) {
+            return error(kExitFailure, why.rfind("malformed", 0) == 0 ? args[1] + ": " + why : why);
+        }
+        FILE* file = fopen(args[1].c_str(), "rb");
+        int c;
+        while (file != nullptr && (c = fgetc(file)) != EOF) edid.push_back(static_cast<uint8_t>(c));
+        if (file != nullptr) fclose(file);
+        command = "edid\n";
+    } else {
+        return error(kExitUsage, "tv: 'plug', 'unplug' or 'edid FILE' expected");
+    }
+    std::string reply;
+    if (!emulator::sendControl(command, edid, &reply)) return error(kExitFailure, "tv: " + reply);
+    return kExitOk;
+}
+#endif
 
 int run(int argc, char** argv) {
 #ifdef VISTRELCTL_EMULATED
@@ -148,6 +192,9 @@ int run(int argc, char** argv) {
             edidPath = argv[++i];
         } else if (arg.rfind("--edid=", 0) == 0) {
             edidPath = arg.substr(7);
+        } else if (arg == "--socket-dir") {
+            if (i + 1 >= argc) return error(kExitUsage, "--socket-dir needs a folder");
+            setenv("VISTREL_SOCKET_DIR", argv[++i], 1);
 #endif
         } else {
             words.push_back(arg);  // the command, its arguments and its options
@@ -158,6 +205,9 @@ int run(int argc, char** argv) {
         return kExitOk;
     }
     if (words.empty()) return error(kExitUsage, "no command given (see --help)");
+#ifdef VISTRELCTL_EMULATED
+    if (words[0] == "tv") return runTv(std::vector<std::string>(words.begin() + 1, words.end()));
+#endif
     Command command = nullptr;
     for (const CommandEntry& entry : kCommands) {
         if (words[0] == entry.name) command = entry.run;
@@ -170,18 +220,24 @@ int run(int argc, char** argv) {
     __android_log_set_minimum_priority(gVerbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_FATAL);
 
 #ifdef VISTRELCTL_EMULATED
-    // The emulated TV and its HDMI service, started as the real service starts.
+    // The emulated TV and its HDMI service: a running daemon's, or one started
+    // here as the real service starts.
     std::string why;
     ::android::sp<emulator::HdmiUtilEmulator> service;
-    if (edidPath.empty()) {
+    const bool client = edidPath.empty() && daemonAnswers();
+    if (client) {
+        fprintf(stderr, "vistrelctl: using vistrel-hdmid on %s\n",
+                ::android::hardware::host::socketDir().c_str());
+        property_set(kServiceStartProperty, "1");  // init's word on a device
+    } else if (edidPath.empty()) {
         service = emulator::HdmiUtilEmulator::fromEdid(
                 std::vector<uint8_t>(std::begin(kDefaultEdid), std::end(kDefaultEdid)), &why);
     } else {
         service = emulator::HdmiUtilEmulator::fromFile(edidPath, &why);
         if (service == nullptr && why.rfind("malformed", 0) == 0) why = edidPath + ": " + why;
     }
-    if (service == nullptr) return error(kExitFailure, why);
-    if (service->publish() != ::android::OK) {
+    if (!client && service == nullptr) return error(kExitFailure, why);
+    if (!client && service->publish() != ::android::OK) {
         return error(kExitFailure, "the emulated HDMI service could not be registered");
     }
 #endif
@@ -202,7 +258,7 @@ int run(int argc, char** argv) {
     hdmi_removeCallback();
     hdmi_releaseLib();
 #ifdef VISTRELCTL_EMULATED
-    service->shutdown();
+    if (service != nullptr) service->shutdown();
 #endif
 
     if (code != kExitOk) return error(code, ctx.error);

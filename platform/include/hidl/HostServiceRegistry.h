@@ -49,9 +49,10 @@ status_t registerService(const std::string& descriptor, const std::string& insta
 std::shared_ptr<ServiceEntry> findService(const std::string& descriptor,
                                           const std::string& instance);
 
-// Waits until a registration exists (no time limit), then returns it.
+// Waits until a registration exists, then returns it; with a time limit in
+// milliseconds (timeoutMs >= 0), null when none came within it.
 std::shared_ptr<ServiceEntry> waitForService(const std::string& descriptor,
-                                             const std::string& instance);
+                                             const std::string& instance, int timeoutMs = -1);
 
 // Makes the registered service die: it leaves the registry, its proxies fail
 // from now on, and its death recipients are notified on another thread.

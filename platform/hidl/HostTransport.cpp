@@ -1,0 +1,739 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+#define LOG_TAG "HostTransport"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <hidl/HostServiceRegistry.h>
+#include <hidl/HostTransport.h>
+#include <log/log.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+namespace android {
+namespace hardware {
+namespace host {
+
+using ::android::hidl::base::V1_0::IBase;
+
+namespace {
+
+constexpr uint32_t kMagic = 0x4c545356;  // "VSTL"
+
+enum Kind : uint8_t { kCall = 1, kOneway = 2, kReply = 3 };
+
+constexpr int kRegistrationWaitMs = 5000;
+constexpr int kWatchPollMs = 100;
+
+struct FrameHeader {
+    uint32_t magic;
+    uint8_t kind;
+    uint8_t reserved[3];
+    uint32_t object;
+    uint32_t code;
+    int32_t status;
+};
+
+// One frame; the descriptors it owns are closed with it.
+struct Frame {
+    FrameHeader header{};
+    std::string body;
+    std::vector<int> fds;
+
+    Frame() = default;
+    Frame(Frame&& other) noexcept
+        : header(other.header), body(std::move(other.body)), fds(std::move(other.fds)) {
+        other.fds.clear();
+    }
+    Frame& operator=(Frame&&) = delete;
+    ~Frame() {
+        for (int fd : fds) ::close(fd);
+    }
+};
+
+std::mutex gCodecLock;
+std::map<std::string, InterfaceCodec>& codecs() {
+    static auto* table = new std::map<std::string, InterfaceCodec>();
+    return *table;
+}
+
+const InterfaceCodec* codecFor(const std::string& descriptor) {
+    std::lock_guard<std::mutex> guard(gCodecLock);
+    auto it = codecs().find(descriptor);
+    return it == codecs().end() ? nullptr : &it->second;
+}
+
+// Sends one frame whole, with its descriptors. False when the peer is gone.
+bool sendFrame(int fd, const FrameHeader& header, const std::string& body,
+               const std::vector<int>& fds) {
+    iovec parts[2] = {{const_cast<FrameHeader*>(&header), sizeof(header)},
+                      {const_cast<char*>(body.data()), body.size()}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = body.empty() ? 1 : 2;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFrameFds)];
+    if (!fds.empty()) {
+        message.msg_control = control;
+        message.msg_controllen = CMSG_SPACE(sizeof(int) * fds.size());
+        cmsghdr* c = CMSG_FIRSTHDR(&message);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+        memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
+    }
+    for (;;) {
+        if (sendmsg(fd, &message, MSG_NOSIGNAL) >= 0) return true;
+        if (errno != EINTR) return false;
+    }
+}
+
+enum class Received { kFrame, kEnd, kMalformed };
+
+// Receives one frame into *frame. Anything but a whole, well-formed frame with
+// at most kMaxFrameFds descriptors is malformed.
+Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame) {
+    iovec part = {buffer->data(), buffer->size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFrameFds)];
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    ssize_t n;
+    do {
+        n = recvmsg(fd, &message, MSG_CMSG_CLOEXEC);
+    } while (n < 0 && errno == EINTR);
+    for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+        const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int received;
+            memcpy(&received, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
+            frame->fds.push_back(received);  // owned by the frame from here on
+        }
+    }
+    if (n == 0) return Received::kEnd;
+    if (n < 0) return errno == ECONNRESET ? Received::kEnd : Received::kMalformed;
+    if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) return Received::kMalformed;
+    if (static_cast<size_t>(n) < sizeof(FrameHeader)) return Received::kMalformed;
+    memcpy(&frame->header, buffer->data(), sizeof(FrameHeader));
+    const uint8_t kind = frame->header.kind;
+    if (frame->header.magic != kMagic || kind < kCall || kind > kReply) {
+        return Received::kMalformed;
+    }
+    frame->body.assign(buffer->data() + sizeof(FrameHeader), n - sizeof(FrameHeader));
+    return Received::kFrame;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Values
+
+WireIn::WireIn(Connection* link, std::string bytes, std::vector<int> fds)
+    : mLink(link), mBytes(std::move(bytes)), mFds(std::move(fds)) {}
+
+WireIn::~WireIn() {
+    for (size_t i = mNextFd; i < mFds.size(); ++i) ::close(mFds[i]);
+}
+
+bool WireIn::take(void* out, size_t size) {
+    if (size > left()) return false;
+    memcpy(out, mBytes.data() + mOffset, size);
+    mOffset += size;
+    return true;
+}
+
+int WireIn::takeFd() {
+    return mNextFd < mFds.size() ? mFds[mNextFd++] : -1;
+}
+
+bool readCount(WireIn& r, uint32_t* count) {
+    // Every element takes at least one byte: a count beyond the bytes left is a lie.
+    return readValue(r, count) && *count <= r.left();
+}
+
+void writeValue(WireOut* w, const hidl_string& value) {
+    writeValue(w, static_cast<uint32_t>(value.size()));
+    w->put(value.c_str(), value.size());
+}
+
+bool readValue(WireIn& r, hidl_string* value) {
+    uint32_t size = 0;
+    if (!readCount(r, &size)) return false;
+    std::string text(size, '\0');
+    if (!r.take(text.data(), size)) return false;
+    *value = text;
+    return true;
+}
+
+void writeValue(WireOut* w, const hidl_handle& value) {
+    const native_handle_t* handle = value.getNativeHandle();
+    if (handle == nullptr) {
+        writeValue(w, static_cast<int32_t>(-1));
+        return;
+    }
+    if (w->fds.size() + handle->numFds > kMaxFrameFds) w->failed = true;
+    writeValue(w, static_cast<int32_t>(handle->numFds));
+    writeValue(w, static_cast<int32_t>(handle->numInts));
+    for (int i = 0; i < handle->numFds; ++i) w->fds.push_back(handle->data[i]);
+    for (int i = 0; i < handle->numInts; ++i) writeValue(w, handle->data[handle->numFds + i]);
+}
+
+bool readValue(WireIn& r, hidl_handle* value) {
+    int32_t numFds = 0;
+    int32_t numInts = 0;
+    if (!readValue(r, &numFds)) return false;
+    if (numFds == -1) {
+        *value = nullptr;
+        return true;
+    }
+    if (!readValue(r, &numInts) || numFds < 0 || numFds > static_cast<int32_t>(kMaxFrameFds) ||
+        numInts < 0 || static_cast<size_t>(numInts) > r.left() / sizeof(int)) {
+        return false;
+    }
+    native_handle_t* handle = native_handle_create(numFds, numInts);
+    if (handle == nullptr) return false;
+    bool ok = true;
+    for (int i = 0; i < numFds; ++i) {
+        handle->data[i] = r.takeFd();
+        ok = ok && handle->data[i] >= 0;
+    }
+    for (int i = 0; i < numInts; ++i) ok = ok && readValue(r, &handle->data[numFds + i]);
+    value->setTo(handle, true);  // the received descriptors are closed with the handle
+    return ok;
+}
+
+status_t replyWithResults(WireOut* /*out*/, Return<void>&& result) {
+    return result.isOk() ? OK : FAILED_TRANSACTION;
+}
+
+void registerCodec(const InterfaceCodec& codec) {
+    std::lock_guard<std::mutex> guard(gCodecLock);
+    codecs()[codec.descriptor] = codec;
+}
+
+// ---------------------------------------------------------------------------
+// Connection
+
+struct Connection::Impl {
+    struct DeathLink {
+        wp<hidl_death_recipient> recipient;
+        uint64_t cookie;
+        wp<IBase> who;
+    };
+    struct Exported {
+        wp<IBase> object;
+        std::string descriptor;
+    };
+
+    int fd = -1;
+    bool serving = false;
+    sp<IBase> service;  // the serving side's object 0
+    std::string serviceDescriptor;
+    pid_t peerPid = 0;
+    std::atomic<bool> alive{true};
+    std::atomic<bool> closing{false};
+    std::vector<char> buffer = std::vector<char>(sizeof(FrameHeader) + kMaxFrameBytes + 1);
+
+    std::mutex sendLock;  // one frame at a time on the socket
+
+    std::mutex callLock;  // one two-way call at a time
+    std::mutex replyLock;
+    std::condition_variable replyArrived;
+    bool awaitingReply = false;
+    std::unique_ptr<Frame> reply;
+
+    std::mutex objectsLock;
+    std::map<uint32_t, Exported> exported;
+    std::map<uint32_t, wp<IBase>> proxies;
+    uint32_t nextObject = 1;
+
+    std::mutex deathLock;
+    std::vector<DeathLink> deathLinks;
+
+    std::mutex queueLock;
+    std::condition_variable queueChanged;
+    std::deque<Frame> outgoing;  // one-way frames to send
+    std::deque<Frame> incoming;  // one-way frames to hand to local objects (client side)
+};
+
+Connection::Connection(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
+
+Connection::~Connection() {
+    if (mImpl->fd >= 0) ::close(mImpl->fd);
+}
+
+sp<Connection> Connection::forClient(int fd) {
+    auto impl = std::make_unique<Impl>();
+    impl->fd = fd;
+    ucred cred{};
+    socklen_t size = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) == 0) impl->peerPid = cred.pid;
+    sp<Connection> connection = new Connection(std::move(impl));
+    connection->start();
+    return connection;
+}
+
+sp<Connection> Connection::forService(int fd, const sp<IBase>& service, const char* descriptor,
+                                      pid_t peerPid) {
+    auto impl = std::make_unique<Impl>();
+    impl->fd = fd;
+    impl->serving = true;
+    impl->service = service;
+    impl->serviceDescriptor = descriptor;
+    impl->peerPid = peerPid;
+    sp<Connection> connection = new Connection(std::move(impl));
+    connection->start();
+    return connection;
+}
+
+namespace {
+
+// Ends a connection: wakes every waiter and, unless this side hung up itself,
+// tells the recipients linked to the other side's death.
+void hangUp(Connection::Impl* c) {
+    if (c->alive.exchange(false)) {
+        shutdown(c->fd, SHUT_RDWR);
+    }
+    {
+        std::lock_guard<std::mutex> guard(c->replyLock);
+        c->replyArrived.notify_all();
+    }
+    {
+        std::lock_guard<std::mutex> guard(c->queueLock);
+        c->queueChanged.notify_all();
+    }
+    std::vector<Connection::Impl::DeathLink> links;
+    {
+        std::lock_guard<std::mutex> guard(c->deathLock);
+        links.swap(c->deathLinks);
+    }
+    if (c->closing) return;
+    for (auto& link : links) {
+        sp<hidl_death_recipient> recipient = link.recipient.promote();
+        if (recipient != nullptr) recipient->serviceDied(link.cookie, link.who);
+    }
+}
+
+}  // namespace
+
+// Hands one incoming call to its local object and answers a two-way one.
+// False when its arguments do not decode: the peer is then hung up on.
+static bool handleIncoming(Connection* self, Connection::Impl* c, Frame& frame) {
+    sp<IBase> target;
+    std::string descriptor;
+    if (frame.header.object == 0) {
+        if (!c->serving) return false;  // a client serves no object 0
+        target = c->service;
+        descriptor = c->serviceDescriptor;
+    } else {
+        std::lock_guard<std::mutex> guard(c->objectsLock);
+        auto it = c->exported.find(frame.header.object);
+        if (it != c->exported.end()) {
+            target = it->second.object.promote();
+            descriptor = it->second.descriptor;
+        }
+    }
+    const InterfaceCodec* codec = codecFor(descriptor);
+    status_t status = DEAD_OBJECT;
+    WireOut out(self);
+    if (target != nullptr && codec != nullptr) {
+        WireIn in(self, std::move(frame.body), std::move(frame.fds));
+        frame.fds.clear();
+        status = codec->dispatch(target, frame.header.code, in, &out, CallContext{c->peerPid});
+        if (status == BAD_VALUE) return false;
+    }
+    if (frame.header.kind != kCall) return true;
+    FrameHeader header{kMagic, kReply, {}, frame.header.object, frame.header.code, status};
+    if (status != OK) out.bytes.clear();
+    std::lock_guard<std::mutex> guard(c->sendLock);
+    sendFrame(c->fd, header, out.bytes, out.fds);
+    return true;
+}
+
+void Connection::start() {
+    sp<Connection> self = this;
+    std::thread([self] {
+        Impl* c = self->mImpl.get();
+        for (;;) {
+            Frame frame;
+            const Received got = receiveFrame(c->fd, &c->buffer, &frame);
+            if (got != Received::kFrame) {
+                if (got == Received::kMalformed && c->alive && !c->closing) {
+                    ALOGW("peer %d sent a malformed frame: hanging up", c->peerPid);
+                }
+                break;
+            }
+            if (frame.header.kind == kReply) {
+                std::lock_guard<std::mutex> guard(c->replyLock);
+                if (!c->awaitingReply || c->reply != nullptr) {
+                    ALOGW("peer %d sent a reply nobody asked for: hanging up", c->peerPid);
+                    break;
+                }
+                c->reply = std::make_unique<Frame>(std::move(frame));
+                c->replyArrived.notify_all();
+            } else if (c->serving) {
+                if (!handleIncoming(self.get(), c, frame)) {
+                    ALOGW("peer %d sent arguments that do not decode: hanging up", c->peerPid);
+                    break;
+                }
+            } else {
+                std::lock_guard<std::mutex> guard(c->queueLock);
+                c->incoming.push_back(std::move(frame));
+                c->queueChanged.notify_all();
+            }
+        }
+        hangUp(c);
+    }).detach();
+
+    // The writer: one-way frames leave in order without blocking their sender.
+    std::thread([self] {
+        Impl* c = self->mImpl.get();
+        std::unique_lock<std::mutex> guard(c->queueLock);
+        for (;;) {
+            c->queueChanged.wait(guard, [c] { return !c->outgoing.empty() || !c->alive; });
+            if (!c->alive) return;
+            Frame frame(std::move(c->outgoing.front()));
+            c->outgoing.pop_front();
+            guard.unlock();
+            bool sent;
+            {
+                std::lock_guard<std::mutex> send(c->sendLock);
+                sent = sendFrame(c->fd, frame.header, frame.body, frame.fds);
+            }
+            guard.lock();
+            if (!sent) return;
+        }
+    }).detach();
+
+    if (mImpl->serving) return;
+    // The client's incoming one-way calls run here, so that a callback may call
+    // the service while the reader goes on reading replies.
+    std::thread([self] {
+        Impl* c = self->mImpl.get();
+        std::unique_lock<std::mutex> guard(c->queueLock);
+        for (;;) {
+            c->queueChanged.wait(guard, [c] { return !c->incoming.empty() || !c->alive; });
+            if (c->incoming.empty()) return;
+            Frame frame(std::move(c->incoming.front()));
+            c->incoming.pop_front();
+            guard.unlock();
+            const bool ok = handleIncoming(self.get(), c, frame);
+            if (!ok) {
+                ALOGW("service %d sent arguments that do not decode: hanging up", c->peerPid);
+                shutdown(c->fd, SHUT_RDWR);
+            }
+            guard.lock();
+        }
+    }).detach();
+}
+
+Status Connection::transact(uint32_t object, uint32_t code, const WireOut& args,
+                            std::unique_ptr<WireIn>* reply) {
+    Impl* c = mImpl.get();
+    if (args.failed || args.bytes.size() > kMaxFrameBytes) return Status::fromStatusT(BAD_VALUE);
+    std::lock_guard<std::mutex> call(c->callLock);
+    if (!c->alive) return Status::fromStatusT(DEAD_OBJECT);
+    {
+        std::lock_guard<std::mutex> guard(c->replyLock);
+        c->awaitingReply = true;
+        c->reply.reset();
+    }
+    bool sent;
+    {
+        FrameHeader header{kMagic, kCall, {}, object, code, 0};
+        std::lock_guard<std::mutex> guard(c->sendLock);
+        sent = sendFrame(c->fd, header, args.bytes, args.fds);
+    }
+    std::unique_lock<std::mutex> guard(c->replyLock);
+    if (sent) c->replyArrived.wait(guard, [c] { return c->reply != nullptr || !c->alive; });
+    c->awaitingReply = false;
+    std::unique_ptr<Frame> answer = std::move(c->reply);
+    guard.unlock();
+    if (answer == nullptr) return Status::fromStatusT(DEAD_OBJECT);
+    if (answer->header.status != OK) return Status::fromStatusT(answer->header.status);
+    *reply = std::make_unique<WireIn>(this, std::move(answer->body), std::move(answer->fds));
+    answer->fds.clear();
+    return Status::ok();
+}
+
+Status Connection::post(uint32_t object, uint32_t code, const WireOut& args) {
+    Impl* c = mImpl.get();
+    if (args.failed || args.bytes.size() > kMaxFrameBytes) return Status::fromStatusT(BAD_VALUE);
+    if (!c->alive) return Status::fromStatusT(DEAD_OBJECT);
+    Frame frame;
+    frame.header = FrameHeader{kMagic, kOneway, {}, object, code, 0};
+    frame.body = args.bytes;
+    for (int fd : args.fds) {
+        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (copy < 0) return Status::fromStatusT(-errno);
+        frame.fds.push_back(copy);  // the sender's stay its own
+    }
+    {
+        std::lock_guard<std::mutex> guard(c->queueLock);
+        if (c->outgoing.size() < kMaxClientBacklog) {
+            c->outgoing.push_back(std::move(frame));
+            c->queueChanged.notify_all();
+            return Status::ok();
+        }
+    }
+    // The peer has stopped reading: it is given up rather than waited for or
+    // left to grow the queue. It sees a hang-up, as after this side's death.
+    ALOGW("peer %d stopped reading (%zu frames waiting): hanging up", c->peerPid,
+          kMaxClientBacklog);
+    shutdown(c->fd, SHUT_RDWR);
+    return Status::fromStatusT(DEAD_OBJECT);
+}
+
+uint32_t Connection::exportObject(const sp<IBase>& object, const char* descriptor) {
+    Impl* c = mImpl.get();
+    std::lock_guard<std::mutex> guard(c->objectsLock);
+    for (auto it = c->exported.begin(); it != c->exported.end();) {
+        sp<IBase> held = it->second.object.promote();
+        if (held == object) return it->first;
+        it = held == nullptr ? c->exported.erase(it) : std::next(it);
+    }
+    const uint32_t number = c->nextObject++;
+    c->exported[number] = {object, descriptor};
+    return number;
+}
+
+sp<IBase> Connection::proxyFor(uint32_t object, const char* descriptor) {
+    const InterfaceCodec* codec = codecFor(descriptor);
+    if (codec == nullptr) return nullptr;
+    Impl* c = mImpl.get();
+    std::lock_guard<std::mutex> guard(c->objectsLock);
+    sp<IBase> proxy = c->proxies[object].promote();
+    if (proxy == nullptr) {
+        proxy = codec->makeProxy(this, object);
+        c->proxies[object] = proxy;
+    }
+    return proxy;
+}
+
+bool Connection::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie,
+                             const wp<IBase>& who) {
+    if (recipient == nullptr) return false;
+    std::lock_guard<std::mutex> guard(mImpl->deathLock);
+    if (!mImpl->alive) return false;
+    mImpl->deathLinks.push_back({recipient, cookie, who});
+    return true;
+}
+
+bool Connection::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
+    std::lock_guard<std::mutex> guard(mImpl->deathLock);
+    auto& links = mImpl->deathLinks;
+    for (auto it = links.begin(); it != links.end(); ++it) {
+        if (it->recipient == recipient.get()) {
+            links.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool Connection::isAlive() const {
+    return mImpl->alive;
+}
+
+pid_t Connection::peerPid() const {
+    return mImpl->peerPid;
+}
+
+void Connection::close() {
+    mImpl->closing = true;
+    shutdown(mImpl->fd, SHUT_RDWR);
+}
+
+// ---------------------------------------------------------------------------
+// Socket folder, lookup and serving
+
+std::string socketDir() {
+    const char* dir = getenv("VISTREL_SOCKET_DIR");
+    if (dir != nullptr && dir[0] != '\0') return dir;
+    const char* runtime = getenv("XDG_RUNTIME_DIR");
+    if (runtime != nullptr && runtime[0] != '\0') return std::string(runtime) + "/vistrel";
+    return "/tmp/vistrel-" + std::to_string(getuid());
+}
+
+std::string socketPath(const std::string& descriptor, const std::string& instance) {
+    return socketDir() + "/" + descriptor + "-" + instance;
+}
+
+namespace {
+
+bool addressOf(const std::string& path, sockaddr_un* address) {
+    memset(address, 0, sizeof(*address));
+    address->sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address->sun_path)) return false;
+    memcpy(address->sun_path, path.c_str(), path.size());
+    return true;
+}
+
+// Creates `dir` and its missing parents, owner only.
+bool makeOwnerOnlyDir(const std::string& dir, std::string* error) {
+    for (size_t at = 1; at <= dir.size(); ++at) {
+        if (at != dir.size() && dir[at] != '/') continue;
+        const std::string part = dir.substr(0, at);
+        if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
+            *error = "cannot create " + part + ": " + strerror(errno);
+            return false;
+        }
+    }
+    struct stat info {};
+    if (stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        *error = dir + " is not a folder";
+        return false;
+    }
+    if ((info.st_mode & 077) != 0) {
+        ALOGW("%s is open to other users; its sockets are not", dir.c_str());
+    }
+    return true;
+}
+
+}  // namespace
+
+sp<IBase> connectService(const std::string& descriptor, const std::string& instance) {
+    const InterfaceCodec* codec = codecFor(descriptor);
+    sockaddr_un address;
+    if (codec == nullptr || !addressOf(socketPath(descriptor, instance), &address)) return nullptr;
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0) return nullptr;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        ::close(fd);
+        return nullptr;
+    }
+    return codec->makeProxy(Connection::forClient(fd), 0);
+}
+
+void watchService(const std::string& descriptor, const std::string& instance,
+                  const wp<IBase>& watcher, std::function<void(bool preexisting)> announce) {
+    std::thread([descriptor, instance, watcher, announce = std::move(announce)] {
+        const std::string path = socketPath(descriptor, instance);
+        sockaddr_un address;
+        if (!addressOf(path, &address)) return;
+        struct stat seen {};
+        bool first = true;
+        while (watcher.promote() != nullptr) {
+            // A server's bind makes a new socket file: a new inode or change time.
+            struct stat now {};
+            const bool present = stat(path.c_str(), &now) == 0 && S_ISSOCK(now.st_mode);
+            const bool fresh = present && (now.st_ino != seen.st_ino ||
+                                           now.st_ctim.tv_sec != seen.st_ctim.tv_sec ||
+                                           now.st_ctim.tv_nsec != seen.st_ctim.tv_nsec);
+            if (fresh) {
+                const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+                const bool answers = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address),
+                                                        sizeof(address)) == 0;
+                if (fd >= 0) ::close(fd);
+                if (answers) {
+                    seen = now;
+                    announce(first);
+                }
+            }
+            first = false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(kWatchPollMs));
+        }
+    }).detach();
+}
+
+status_t serveService(const std::string& descriptor, const std::string& instance,
+                      std::string* error) {
+    std::string ignored;
+    if (error == nullptr) error = &ignored;
+    const std::string path = socketPath(descriptor, instance);
+    sockaddr_un address;
+    if (!addressOf(path, &address)) {
+        *error = "socket path too long: " + path;
+        return BAD_VALUE;
+    }
+    if (!makeOwnerOnlyDir(socketDir(), error)) return PERMISSION_DENIED;
+
+    // The lock file says who serves the name; the kernel drops the lock with
+    // its holder, so a killed server leaves only a stale socket behind.
+    const std::string lockPath = path + ".lock";
+    const int lock = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lock < 0) {
+        *error = "cannot open " + lockPath + ": " + strerror(errno);
+        return PERMISSION_DENIED;
+    }
+    if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
+        char holder[32] = {};
+        const ssize_t n = pread(lock, holder, sizeof(holder) - 1, 0);
+        ::close(lock);
+        *error = "another process (pid " + std::string(n > 0 ? holder : "?") + ") already serves " +
+                 instance + " on " + path;
+        return ALREADY_EXISTS;
+    }
+    const std::string pid = std::to_string(getpid());
+    if (ftruncate(lock, 0) != 0 || pwrite(lock, pid.c_str(), pid.size(), 0) < 0) {
+        ALOGW("cannot record the pid in %s", lockPath.c_str());
+    }
+    unlink(path.c_str());  // a killed server's socket
+
+    const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) ||
+        chmod(path.c_str(), 0600) != 0 || listen(listener, 16) != 0) {
+        *error = "cannot listen on " + path + ": " + strerror(errno);
+        if (listener >= 0) ::close(listener);
+        ::close(lock);
+        return UNKNOWN_ERROR;
+    }
+    // The lock is held for the rest of the process's life.
+    std::thread([descriptor, instance, listener] {
+        for (;;) {
+            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0) {
+                if (errno == EINTR || errno == ECONNABORTED) continue;
+                ALOGE("accept on the service socket failed: %s", strerror(errno));
+                return;
+            }
+            ucred cred{};
+            socklen_t size = sizeof(cred);
+            // A client may come between this socket's start and the registration.
+            std::shared_ptr<ServiceEntry> entry =
+                    waitForService(descriptor, instance, kRegistrationWaitMs);
+            sp<IBase> service = entry != nullptr ? entry->service() : nullptr;
+            if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0 || service == nullptr) {
+                ::close(fd);
+                continue;
+            }
+            ALOGD("client pid %d connected", cred.pid);
+            Connection::forService(fd, service, descriptor.c_str(), cred.pid);
+        }
+    }).detach();
+    return OK;
+}
+
+}  // namespace host
+}  // namespace hardware
+}  // namespace android
