@@ -21,8 +21,10 @@
 #include <hidl/HostServiceRegistry.h>
 #include <hidl/HostTransport.h>
 #include <log/log.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -93,7 +95,7 @@ const InterfaceCodec* codecFor(const std::string& descriptor) {
 
 // Sends one frame whole, with its descriptors. False when the peer is gone.
 bool sendFrame(int fd, const FrameHeader& header, const std::string& body,
-               const std::vector<int>& fds) {
+               const std::vector<int>& fds, int flags) {
     iovec parts[2] = {{const_cast<FrameHeader*>(&header), sizeof(header)},
                       {const_cast<char*>(body.data()), body.size()}};
     msghdr message{};
@@ -110,16 +112,16 @@ bool sendFrame(int fd, const FrameHeader& header, const std::string& body,
         memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
     }
     for (;;) {
-        if (sendmsg(fd, &message, MSG_NOSIGNAL) >= 0) return true;
+        if (sendmsg(fd, &message, MSG_NOSIGNAL | flags) >= 0) return true;
         if (errno != EINTR) return false;
     }
 }
 
-enum class Received { kFrame, kEnd, kMalformed };
+enum class Received { kFrame, kNothing, kEnd, kMalformed };
 
 // Receives one frame into *frame. Anything but a whole, well-formed frame with
 // at most kMaxFrameFds descriptors is malformed.
-Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame) {
+Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame, int flags) {
     iovec part = {buffer->data(), buffer->size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFrameFds)];
     msghdr message{};
@@ -129,7 +131,7 @@ Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame) {
     message.msg_controllen = sizeof(control);
     ssize_t n;
     do {
-        n = recvmsg(fd, &message, MSG_CMSG_CLOEXEC);
+        n = recvmsg(fd, &message, MSG_CMSG_CLOEXEC | flags);
     } while (n < 0 && errno == EINTR);
     for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
@@ -141,6 +143,7 @@ Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame) {
         }
     }
     if (n == 0) return Received::kEnd;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Received::kNothing;
     if (n < 0) return errno == ECONNRESET ? Received::kEnd : Received::kMalformed;
     if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) return Received::kMalformed;
     if (static_cast<size_t>(n) < sizeof(FrameHeader)) return Received::kMalformed;
@@ -266,11 +269,16 @@ struct Connection::Impl {
 
     std::mutex sendLock;  // one frame at a time on the socket
 
+    // The serving side reads on its reader thread and answers calls there.
+    // A client's caller reads its own reply: its call is in progress from
+    // its request to its reply, and meanwhile the reader thread leaves the
+    // socket to it. One-way frames the caller meets on the way are left to
+    // the reader thread, which hands all of them to local objects in order.
     std::mutex callLock;  // one two-way call at a time
-    std::mutex replyLock;
-    std::condition_variable replyArrived;
-    bool awaitingReply = false;
-    std::unique_ptr<Frame> reply;
+    std::mutex readLock;  // taken for each receive
+    std::condition_variable callEnded;
+    bool callInProgress = false;  // under readLock
+    std::deque<Frame> deferred;   // under readLock: one-way frames a caller met
 
     std::mutex objectsLock;
     std::map<uint32_t, Exported> exported;
@@ -282,19 +290,22 @@ struct Connection::Impl {
 
     std::mutex queueLock;
     std::condition_variable queueChanged;
-    std::deque<Frame> outgoing;  // one-way frames to send
-    std::deque<Frame> incoming;  // one-way frames to hand to local objects (client side)
+    std::deque<Frame> outgoing;  // one-way frames waiting for the socket
+    bool writing = false;        // the writer is sending the frame it took
+    int wakeFd = -1;             // a client's reader is woken here for what a caller met
 };
 
 Connection::Connection(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
 
 Connection::~Connection() {
     if (mImpl->fd >= 0) ::close(mImpl->fd);
+    if (mImpl->wakeFd >= 0) ::close(mImpl->wakeFd);
 }
 
 sp<Connection> Connection::forClient(int fd) {
     auto impl = std::make_unique<Impl>();
     impl->fd = fd;
+    impl->wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     ucred cred{};
     socklen_t size = sizeof(cred);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) == 0) impl->peerPid = cred.pid;
@@ -323,10 +334,6 @@ namespace {
 void hangUp(Connection::Impl* c) {
     if (c->alive.exchange(false)) {
         shutdown(c->fd, SHUT_RDWR);
-    }
-    {
-        std::lock_guard<std::mutex> guard(c->replyLock);
-        c->replyArrived.notify_all();
     }
     {
         std::lock_guard<std::mutex> guard(c->queueLock);
@@ -376,9 +383,25 @@ static bool handleIncoming(Connection* self, Connection::Impl* c, Frame& frame) 
     FrameHeader header{kMagic, kReply, {}, frame.header.object, frame.header.code, status};
     if (status != OK) out.bytes.clear();
     std::lock_guard<std::mutex> guard(c->sendLock);
-    sendFrame(c->fd, header, out.bytes, out.fds);
+    sendFrame(c->fd, header, out.bytes, out.fds, 0);
     return true;
 }
+
+namespace {
+
+// Waits until `fd` has something to read (or has ended), or `wakeFd` is
+// signalled (which is then reset).
+void waitReadable(int fd, int wakeFd = -1) {
+    pollfd p[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+    while (poll(p, wakeFd >= 0 ? 2 : 1, -1) < 0 && errno == EINTR) {
+    }
+    uint64_t count;
+    if (wakeFd >= 0 && (p[1].revents & POLLIN) != 0 && read(wakeFd, &count, sizeof(count)) < 0) {
+        ALOGV("wake-up already taken");
+    }
+}
+
+}  // namespace
 
 void Connection::start() {
     sp<Connection> self = this;
@@ -386,36 +409,45 @@ void Connection::start() {
         Impl* c = self->mImpl.get();
         for (;;) {
             Frame frame;
-            const Received got = receiveFrame(c->fd, &c->buffer, &frame);
+            Received got;
+            if (c->serving) {
+                got = receiveFrame(c->fd, &c->buffer, &frame, 0);
+            } else {
+                // A client's reader leaves the socket to a caller awaiting its
+                // reply, and first hands on what that caller met.
+                waitReadable(c->fd, c->wakeFd);
+                std::unique_lock<std::mutex> guard(c->readLock);
+                c->callEnded.wait(guard, [c] { return !c->callInProgress; });
+                if (!c->deferred.empty()) {
+                    Frame early(std::move(c->deferred.front()));
+                    c->deferred.pop_front();
+                    guard.unlock();
+                    if (!handleIncoming(self.get(), c, early)) break;
+                    continue;
+                }
+                got = receiveFrame(c->fd, &c->buffer, &frame, MSG_DONTWAIT);
+                if (got == Received::kNothing) continue;
+            }
             if (got != Received::kFrame) {
                 if (got == Received::kMalformed && c->alive && !c->closing) {
                     ALOGW("peer %d sent a malformed frame: hanging up", c->peerPid);
                 }
                 break;
             }
+            // Replies go to callers only; anything else is handed on here.
             if (frame.header.kind == kReply) {
-                std::lock_guard<std::mutex> guard(c->replyLock);
-                if (!c->awaitingReply || c->reply != nullptr) {
-                    ALOGW("peer %d sent a reply nobody asked for: hanging up", c->peerPid);
-                    break;
-                }
-                c->reply = std::make_unique<Frame>(std::move(frame));
-                c->replyArrived.notify_all();
-            } else if (c->serving) {
-                if (!handleIncoming(self.get(), c, frame)) {
-                    ALOGW("peer %d sent arguments that do not decode: hanging up", c->peerPid);
-                    break;
-                }
-            } else {
-                std::lock_guard<std::mutex> guard(c->queueLock);
-                c->incoming.push_back(std::move(frame));
-                c->queueChanged.notify_all();
+                ALOGW("peer %d sent a reply nobody asked for: hanging up", c->peerPid);
+                break;
+            }
+            if (!handleIncoming(self.get(), c, frame)) {
+                ALOGW("peer %d sent arguments that do not decode: hanging up", c->peerPid);
+                break;
             }
         }
         hangUp(c);
     }).detach();
 
-    // The writer: one-way frames leave in order without blocking their sender.
+    // The writer: one-way frames that found the socket full leave in order.
     std::thread([self] {
         Impl* c = self->mImpl.get();
         std::unique_lock<std::mutex> guard(c->queueLock);
@@ -424,35 +456,16 @@ void Connection::start() {
             if (!c->alive) return;
             Frame frame(std::move(c->outgoing.front()));
             c->outgoing.pop_front();
+            c->writing = true;  // later frames queue behind this one
             guard.unlock();
             bool sent;
             {
                 std::lock_guard<std::mutex> send(c->sendLock);
-                sent = sendFrame(c->fd, frame.header, frame.body, frame.fds);
+                sent = sendFrame(c->fd, frame.header, frame.body, frame.fds, 0);
             }
             guard.lock();
+            c->writing = false;
             if (!sent) return;
-        }
-    }).detach();
-
-    if (mImpl->serving) return;
-    // The client's incoming one-way calls run here, so that a callback may call
-    // the service while the reader goes on reading replies.
-    std::thread([self] {
-        Impl* c = self->mImpl.get();
-        std::unique_lock<std::mutex> guard(c->queueLock);
-        for (;;) {
-            c->queueChanged.wait(guard, [c] { return !c->incoming.empty() || !c->alive; });
-            if (c->incoming.empty()) return;
-            Frame frame(std::move(c->incoming.front()));
-            c->incoming.pop_front();
-            guard.unlock();
-            const bool ok = handleIncoming(self.get(), c, frame);
-            if (!ok) {
-                ALOGW("service %d sent arguments that do not decode: hanging up", c->peerPid);
-                shutdown(c->fd, SHUT_RDWR);
-            }
-            guard.lock();
         }
     }).detach();
 }
@@ -461,25 +474,49 @@ Status Connection::transact(uint32_t object, uint32_t code, const WireOut& args,
                             std::unique_ptr<WireIn>* reply) {
     Impl* c = mImpl.get();
     if (args.failed || args.bytes.size() > kMaxFrameBytes) return Status::fromStatusT(BAD_VALUE);
+    if (c->serving) return Status::fromStatusT(INVALID_OPERATION);  // services call one way only
     std::lock_guard<std::mutex> call(c->callLock);
     if (!c->alive) return Status::fromStatusT(DEAD_OBJECT);
     {
-        std::lock_guard<std::mutex> guard(c->replyLock);
-        c->awaitingReply = true;
-        c->reply.reset();
+        std::lock_guard<std::mutex> guard(c->readLock);
+        c->callInProgress = true;
     }
     bool sent;
     {
         FrameHeader header{kMagic, kCall, {}, object, code, 0};
         std::lock_guard<std::mutex> guard(c->sendLock);
-        sent = sendFrame(c->fd, header, args.bytes, args.fds);
+        sent = sendFrame(c->fd, header, args.bytes, args.fds, 0);
     }
-    std::unique_lock<std::mutex> guard(c->replyLock);
-    if (sent) c->replyArrived.wait(guard, [c] { return c->reply != nullptr || !c->alive; });
-    c->awaitingReply = false;
-    std::unique_ptr<Frame> answer = std::move(c->reply);
-    guard.unlock();
-    if (answer == nullptr) return Status::fromStatusT(DEAD_OBJECT);
+    // The reply is read here, on the caller's thread: no hand-off on the way back.
+    std::unique_ptr<Frame> answer;
+    while (sent && answer == nullptr) {
+        waitReadable(c->fd);
+        auto frame = std::make_unique<Frame>();
+        std::lock_guard<std::mutex> guard(c->readLock);
+        const Received got = receiveFrame(c->fd, &c->buffer, frame.get(), MSG_DONTWAIT);
+        if (got == Received::kNothing) continue;
+        if (got != Received::kFrame) break;  // the reader thread sees the end too
+        if (frame->header.kind == kReply) {
+            answer = std::move(frame);
+        } else {
+            c->deferred.push_back(std::move(*frame));
+        }
+    }
+    bool met;
+    {
+        std::lock_guard<std::mutex> guard(c->readLock);
+        c->callInProgress = false;
+        met = !c->deferred.empty();
+    }
+    c->callEnded.notify_all();
+    const uint64_t one = 1;
+    if (met && write(c->wakeFd, &one, sizeof(one)) < 0) ALOGW("reader not woken");
+    if (answer == nullptr) {
+        // A peer that hung up or sent garbage is done with: the reader thread
+        // notices the end as well and tells the death recipients.
+        shutdown(c->fd, SHUT_RDWR);
+        return Status::fromStatusT(DEAD_OBJECT);
+    }
     if (answer->header.status != OK) return Status::fromStatusT(answer->header.status);
     *reply = std::make_unique<WireIn>(this, std::move(answer->body), std::move(answer->fds));
     answer->fds.clear();
@@ -490,22 +527,30 @@ Status Connection::post(uint32_t object, uint32_t code, const WireOut& args) {
     Impl* c = mImpl.get();
     if (args.failed || args.bytes.size() > kMaxFrameBytes) return Status::fromStatusT(BAD_VALUE);
     if (!c->alive) return Status::fromStatusT(DEAD_OBJECT);
-    Frame frame;
-    frame.header = FrameHeader{kMagic, kOneway, {}, object, code, 0};
-    frame.body = args.bytes;
-    for (int fd : args.fds) {
-        const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-        if (copy < 0) return Status::fromStatusT(-errno);
-        frame.fds.push_back(copy);  // the sender's stay its own
-    }
-    {
-        std::lock_guard<std::mutex> guard(c->queueLock);
-        if (c->outgoing.size() < kMaxClientBacklog) {
-            c->outgoing.push_back(std::move(frame));
-            c->queueChanged.notify_all();
+    const FrameHeader header{kMagic, kOneway, {}, object, code, 0};
+    std::unique_lock<std::mutex> queue(c->queueLock);
+    // Straight onto the socket when nothing waits before it and the socket
+    // takes it at once; never waiting for the peer or for another sender.
+    if (c->outgoing.empty() && !c->writing) {
+        std::unique_lock<std::mutex> send(c->sendLock, std::try_to_lock);
+        if (send.owns_lock() && sendFrame(c->fd, header, args.bytes, args.fds, MSG_DONTWAIT)) {
             return Status::ok();
         }
     }
+    if (c->outgoing.size() < kMaxClientBacklog) {
+        Frame frame;
+        frame.header = header;
+        frame.body = args.bytes;
+        for (int fd : args.fds) {
+            const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+            if (copy < 0) return Status::fromStatusT(-errno);
+            frame.fds.push_back(copy);  // the sender's stay its own
+        }
+        c->outgoing.push_back(std::move(frame));
+        c->queueChanged.notify_all();
+        return Status::ok();
+    }
+    queue.unlock();
     // The peer has stopped reading: it is given up rather than waited for or
     // left to grow the queue. It sees a hang-up, as after this side's death.
     ALOGW("peer %d stopped reading (%zu frames waiting): hanging up", c->peerPid,

@@ -22,6 +22,9 @@ targets=(fuzz_service_replies fuzz_caller_inputs)
 if [ -f emulator/edid/EdidParser.cpp ]; then
     targets+=(fuzz_edid_parser)
 fi
+if [ -f fuzz/fuzz_frames.cpp ]; then
+    targets+=(fuzz_frames)
+fi
 cmake --build build-fuzz -j"$jobs" --target "${targets[@]}"
 
 export ASAN_OPTIONS="halt_on_error=1:detect_leaks=1:strict_string_checks=1"

@@ -143,11 +143,13 @@ void watchService(const std::string& descriptor, const std::string& instance,
 
 // --- One connection ------------------------------------------------------
 
-// A socket between a client and a serving process. Each side reads on a
-// thread of its own; incoming one-way calls are handed to the local objects on
-// a second thread, so that they may call back. Frames the serving side sends
-// without being asked (events) go through a bounded queue and a writer
-// thread: a client that stops reading is disconnected, never waited for.
+// A socket between a client and a serving process. Each side has a reader
+// thread: the serving side's answers calls as they come; a client's hands
+// one-way calls to local objects, while a client's caller reads its own reply
+// (no hand-off between threads on the way back). Frames the serving side sends
+// without being asked (events) go onto the socket at once when it has room,
+// else through a bounded queue and a writer thread: a client that stops
+// reading is disconnected, never waited for.
 class Connection : public virtual RefBase {
   public:
     // The client side, for a connected socket.
