@@ -67,6 +67,11 @@ int followEvents(Context& ctx) {
     sigaction(SIGTERM, &action, nullptr);
     const auto start = std::chrono::steady_clock::now();
     size_t seen = 0;
+    if (!ctx.json) {
+        printf("%10s  %-14s %8s %8s %8s  %s\n", "ms", "event", "param1", "param2", "param3",
+               "param4");
+        fflush(stdout);
+    }
     while (!gInterrupted) {
         if (!ctx.events->waitForCount(seen + 1, kFollowPollMs)) continue;
         const std::vector<EventSink::Received> all = ctx.events->events();

@@ -262,9 +262,9 @@ int run(int argc, char** argv) {
 #endif
 
     if (code != kExitOk) return error(code, ctx.error);
-    if (json) {
+    if (json && ctx.report.kind() != Value::Kind::kNull) {
         fputs(ctx.report.toJson().c_str(), stdout);
-    } else if (ctx.report.kind() != Value::Kind::kNull) {
+    } else if (!json && ctx.report.kind() != Value::Kind::kNull) {
         fputs(ctx.report.toText().c_str(), stdout);
     }
     return kExitOk;
