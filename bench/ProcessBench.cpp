@@ -147,31 +147,11 @@ int echo(int fd, size_t answer) {
     return 0;
 }
 
-class SampleCallback : public VistrelCallback2 {
-  public:
-    void onHdmiEvent(int32_t, int32_t, int32_t, int32_t, int64_t sentNs) override {
-        const int64_t now = nowNs();
-        std::lock_guard<std::mutex> guard(mLock);
-        mSamples.push_back(now - sentNs);
-        mChanged.notify_all();
-    }
-    std::vector<int64_t> waitFor(size_t count) {
-        std::unique_lock<std::mutex> guard(mLock);
-        mChanged.wait(guard, [&] { return mSamples.size() >= count; });
-        return mSamples;
-    }
-
-  private:
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    std::vector<int64_t> mSamples;
-};
-
 // A library client of the service in another process: reports the latency
 // of `count` events on stdout, as raw int64 values.
 int followEvents(size_t count) {
     property_set("vendor.mirova.hdmi.service.start", "1");
-    SampleCallback callback;
+    LatencyCallback callback(count);
     hdmi_createLib(nullptr, &callback);
     hdmi_setCallback();
     std::vector<int64_t> samples = callback.waitFor(count);

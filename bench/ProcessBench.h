@@ -19,8 +19,11 @@
 
 #pragma once
 
+#include <Vistrel.h>
 #include <stdint.h>
 
+#include <condition_variable>
+#include <mutex>
 #include <vector>
 
 namespace mirova {
@@ -35,6 +38,29 @@ struct LatencyFigures {
     int64_t max = 0;
 };
 LatencyFigures figuresOf(std::vector<int64_t> samples);
+
+// A caller's callback that keeps each event's latency: the time from the
+// send, which the event carries in its last value, to its arrival.
+class LatencyCallback : public VistrelCallback2 {
+  public:
+    explicit LatencyCallback(size_t expected) { mSamples.reserve(expected); }
+    void onHdmiEvent(int32_t, int32_t, int32_t, int32_t, int64_t sentNs) override {
+        const int64_t now = nowNs();
+        std::lock_guard<std::mutex> guard(mLock);
+        mSamples.push_back(now - sentNs);
+        mChanged.notify_all();
+    }
+    std::vector<int64_t> waitFor(size_t count) {
+        std::unique_lock<std::mutex> guard(mLock);
+        mChanged.wait(guard, [&] { return mSamples.size() >= count; });
+        return mSamples;
+    }
+
+  private:
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    std::vector<int64_t> mSamples;
+};
 
 // Runs the part named by argv[1] when this process is one of the helpers;
 // false when it is the benchmark itself.

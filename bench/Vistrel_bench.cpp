@@ -303,27 +303,6 @@ LatencyFigures bareHandOffLatency() {
     return figuresOf(samples);
 }
 
-class LatencyCallback : public VistrelCallback2 {
-  public:
-    explicit LatencyCallback(size_t expected) { mSamples.reserve(expected); }
-    void onHdmiEvent(int32_t, int32_t, int32_t, int32_t, int64_t sentNs) override {
-        const int64_t now = nowNs();
-        std::lock_guard<std::mutex> guard(mLock);
-        mSamples.push_back(now - sentNs);
-        mChanged.notify_all();
-    }
-    std::vector<int64_t> waitFor(size_t count) {
-        std::unique_lock<std::mutex> guard(mLock);
-        mChanged.wait(guard, [&] { return mSamples.size() >= count; });
-        return mSamples;
-    }
-
-  private:
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    std::vector<int64_t> mSamples;
-};
-
 LatencyFigures libraryLatency() {
     LatencyCallback callback(kLatencyEvents);
     hdmi_setExistingLibCallbacks(nullptr, &callback);

@@ -332,6 +332,7 @@ namespace {
 // Ends a connection: wakes every waiter and, unless this side hung up itself,
 // tells the recipients linked to the other side's death.
 void hangUp(Connection::Impl* c) {
+    if (c->serving) c->service.clear();  // only the reader thread, which is ending, used it
     if (c->alive.exchange(false)) {
         shutdown(c->fd, SHUT_RDWR);
     }

@@ -5,24 +5,11 @@
 # The test fake mocks whatever the .hal declares: an operation added to the contract is in the
 # mock at the next build, with the generated signature, and nothing is written by hand.
 import os
-import re
 import sys
 
-OPERATION = re.compile(r"^\s*virtual (::android::hardware::Return<\w+>) (\w+)\((.*)\) = 0;$")
-
-
-def argument_types(arguments):
-    # The parameters' types, each in parentheses to keep template commas whole in the macro.
-    types, depth, current = [], 0, ""
-    for c in arguments + ",":
-        depth += {"<": 1, ">": -1}.get(c, 0)
-        if c == "," and depth == 0:
-            if current.strip():
-                types.append("(" + current.strip().rsplit(" ", 1)[0] + ")")  # without the name
-            current = ""
-        else:
-            current += c
-    return ", ".join(types)
+# The generated header is read as the transport's marshalling reads it.
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "..", "platform", "interfaces"))
+from remote_methods import OPERATION, split_parameters  # noqa: E402
 
 
 def main(header, output):
@@ -30,7 +17,10 @@ def main(header, output):
     with open(header, encoding="utf-8") as source:
         for match in filter(None, map(OPERATION.match, source)):
             result, name, arguments = match.groups()
-            lines.append(f"MOCK_METHOD({result}, {name}, ({argument_types(arguments)}), (override));")
+            # Each parameter type in parentheses keeps template commas whole in the macro.
+            types = ", ".join(f"({kind})" for kind, _ in split_parameters(arguments))
+            lines.append(f"MOCK_METHOD(::android::hardware::Return<{result}>, {name}, ({types}), "
+                         "(override));")
     if not lines:
         sys.exit(f"{header}: no operations found")
     os.makedirs(os.path.dirname(output), exist_ok=True)
