@@ -68,21 +68,6 @@ std::vector<uint8_t> readFile(const std::string& path) {
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
-// The rows of a tab-separated data file under tests/data, without its comment lines.
-std::vector<std::vector<std::string>> readTable(const std::string& name, size_t columns = 4) {
-    std::ifstream in(std::string(VISTREL_EDID_DIR) + "/../" + name);
-    std::vector<std::vector<std::string>> rows;
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        rows.emplace_back();
-        std::istringstream fields(line);
-        for (std::string field; std::getline(fields, field, '\t');) rows.back().push_back(field);
-        rows.back().resize(columns);
-    }
-    EXPECT_FALSE(rows.empty()) << name;
-    return rows;
-}
-
 // The .bin files of the EDID corpus, sorted by name.
 std::vector<std::string> edidFiles() {
     std::vector<std::string> names;
@@ -185,7 +170,7 @@ std::string timingText(int width, int height, bool interlaced, double khz, doubl
 }
 
 Facts referenceFacts(const std::string& path, const std::set<int>& dropped) {
-    static const auto rules = readTable("edid-decode-facts.tsv", 5);
+    static const auto rules = tableRows("edid-decode-facts.tsv", 5);
     static const int kHdmiVicToVic[] = {0, 95, 94, 93, 98};
     Facts facts;
     std::istringstream in(runCommand("edid-decode '" + path + "'"));
@@ -622,7 +607,7 @@ std::string summary(const SinkModel& m) {
 }
 
 TEST(EdidParserTolerance, FaultsPlantedIntoRealEdids) {
-    for (const auto& row : readTable("edid-faults.tsv")) {
+    for (const auto& row : tableRows("edid-faults.tsv", 4)) {
         SCOPED_TRACE(row[0] + " " + row[1]);
         SinkModel model;
         std::string error;
@@ -642,7 +627,7 @@ TEST(EdidParserTolerance, FaultsPlantedIntoRealEdids) {
 
 TEST_F(EmulatorTest, FormatRequestsFollowThePolicyAndTheLink) {
     ASSERT_NO_FATAL_FAILURE(start(kFullHdTv));
-    for (const auto& row : readTable("format-requests.tsv", 5)) {
+    for (const auto& row : tableRows("format-requests.tsv", 5)) {
         SCOPED_TRACE(row[0] + " " + row[1] + " " + row[2] + ": " + row[4]);
         std::string error;
         ASSERT_TRUE(emulator->swapEdid(readFile(kEdidDir + "/" + row[0]), &error)) << error;

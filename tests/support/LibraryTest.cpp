@@ -26,7 +26,7 @@
 namespace mirova {
 namespace test {
 
-std::vector<Row> tableRows(const std::string& name) {
+std::vector<Row> tableRows(const std::string& name, size_t columns) {
     std::ifstream in(std::string(VISTREL_TEST_DATA_DIR) + "/" + name);
     EXPECT_TRUE(in.is_open()) << name;
     std::vector<Row> rows;
@@ -35,6 +35,7 @@ std::vector<Row> tableRows(const std::string& name) {
         std::istringstream fields(line);
         rows.emplace_back();
         for (std::string field; std::getline(fields, field, '\t');) rows.back().push_back(field);
+        if (columns > 0) rows.back().resize(columns);
     }
     EXPECT_FALSE(rows.empty()) << name;
     return rows;

@@ -50,10 +50,10 @@ class LibraryTest : public ::testing::Test {
 };
 
 // The rows of a table under tests/data/: fields split at tabs, '#' lines and
-// blank lines skipped. num() reads a field as a number (0x... for hex), nums()
-// a field of space-separated numbers.
+// blank lines skipped; with `columns`, every row has that many (empty ones added). num() reads a
+// field as a number (0x... for hex), nums() a field of space-separated numbers.
 using Row = std::vector<std::string>;
-std::vector<Row> tableRows(const std::string& name);
+std::vector<Row> tableRows(const std::string& name, size_t columns = 0);
 inline int num(const std::string& field) {
     return static_cast<int>(std::stoll(field, nullptr, 0));
 }
