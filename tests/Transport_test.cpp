@@ -22,6 +22,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "support/EventRecorder.h"
 #include "support/FakeHdmiUtil.h"
 
@@ -167,9 +169,11 @@ class DeathRecipient : public ::android::hardware::hidl_death_recipient {
   public:
     void serviceDied(uint64_t cookie,
                      const ::android::wp<::android::hidl::base::V1_0::IBase>&) override {
-        cookies.push_back(cookie);
+        cookies += cookie;
+        ++calls;
     }
-    std::vector<uint64_t> cookies;
+    std::atomic<uint64_t> cookies{0};
+    std::atomic<int> calls{0};
 };
 
 TEST_F(TransportTest, APeersEndFailsLaterCallsAndTellsTheRecipients) {
@@ -177,10 +181,11 @@ TEST_F(TransportTest, APeersEndFailsLaterCallsAndTellsTheRecipients) {
     ASSERT_TRUE(static_cast<bool>(proxy->linkToDeath(recipient, 17)));
     serving->close();
     EXPECT_TRUE(proxy->getPropVal(1).isDeadObject());
-    for (int i = 0; i < 200 && client->isAlive(); ++i) usleep(5000);
+    for (int i = 0; i < 200 && recipient->calls == 0; ++i) usleep(5000);
     EXPECT_FALSE(client->isAlive());
     EXPECT_TRUE(proxy->ping().isDeadObject());
-    EXPECT_EQ(recipient->cookies, std::vector<uint64_t>{17});
+    EXPECT_EQ(recipient->calls, 1);
+    EXPECT_EQ(recipient->cookies, 17u);
 }
 
 // A client that stops reading is hung up on once the backlog is full; the
