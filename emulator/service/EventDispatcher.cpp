@@ -102,6 +102,18 @@ std::vector<ServiceClient> EventDispatcher::clients() const {
     return out;
 }
 
+sp<EventDispatcher::IHdmiUtilCallback> EventDispatcher::callbackFor(int32_t pid) const {
+    Mutex::Autolock _l(mLock);
+    auto it = mClients.find(pid);
+    return it == mClients.end() ? nullptr : it->second.callback;
+}
+
+void EventDispatcher::dropClients() {
+    std::map<int32_t, Client> dropped;  // released after the lock: may be last references
+    Mutex::Autolock _l(mLock);
+    dropped.swap(mClients);
+}
+
 void EventDispatcher::post(const ServiceEvent& event) {
     Mutex::Autolock _l(mLock);
     if (mStopping) return;

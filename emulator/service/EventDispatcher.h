@@ -66,6 +66,10 @@ class EventDispatcher : public std::enable_shared_from_this<EventDispatcher> {
                      const ::android::sp<IHdmiUtilCallback>& callback) EXCLUDES(mLock);
     void removeCallback(int32_t pid) EXCLUDES(mLock);
     std::vector<ServiceClient> clients() const EXCLUDES(mLock);
+    // The callback registered for `pid`, or null.
+    ::android::sp<IHdmiUtilCallback> callbackFor(int32_t pid) const EXCLUDES(mLock);
+    // Forgets every client, as a service that loses its state does.
+    void dropClients() EXCLUDES(mLock);
 
     // Queues one event for every client registered when it is sent.
     void post(const ServiceEvent& event) EXCLUDES(mLock);

@@ -26,20 +26,13 @@ using ::testing::Invoke;
 
 FakeHdmiUtil::FakeHdmiUtil() {
     ON_CALL(*this, setCallback(_, _, _))
-            .WillByDefault(Invoke(
-                    [this](int32_t pid, const hidl_string&, const sp<IHdmiUtilCallback>& callback) {
-                        std::lock_guard<std::mutex> guard(mLock);
-                        mCallbacks[pid] = callback;
-                        return Void();
-                    }));
+            .WillByDefault(Invoke([this](int32_t pid, const hidl_string& name,
+                                         const sp<IHdmiUtilCallback>& callback) {
+                mEvents->setCallback(pid, name, callback);
+                return Void();
+            }));
     ON_CALL(*this, removeCallback(_)).WillByDefault(Invoke([this](int32_t pid) {
-        sp<IHdmiUtilCallback> dropped;
-        std::lock_guard<std::mutex> guard(mLock);
-        auto it = mCallbacks.find(pid);
-        if (it != mCallbacks.end()) {
-            dropped = it->second;  // released after the lock, as binder would
-            mCallbacks.erase(it);
-        }
+        mEvents->removeCallback(pid);
         return Void();
     }));
 
@@ -55,23 +48,10 @@ FakeHdmiUtil::FakeHdmiUtil() {
     ON_CALL(*this, getTVCapInfo(_)).WillByDefault(AnswerRecord(0, TVCapInfo{}));
     ON_CALL(*this, getHDRSupportList(_)).WillByDefault(AnswerRecord(0, HDRList{}));
     ON_CALL(*this, getColorSet(_, _, _, _)).WillByDefault(AnswerRecord(0, ColorSet{}));
-
-    mEventThread = std::thread([this] { eventLoop(); });
 }
 
 FakeHdmiUtil::~FakeHdmiUtil() {
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        mStopping = true;
-    }
-    mChanged.notify_all();
-    if (mEventThread.joinable()) {
-        if (mEventThread.get_id() == std::this_thread::get_id()) {
-            mEventThread.detach();  // the last reference went on the event thread itself
-        } else {
-            mEventThread.join();
-        }
-    }
+    mEvents->shutdown();
 }
 
 void FakeHdmiUtil::publish() {
@@ -79,57 +59,23 @@ void FakeHdmiUtil::publish() {
 }
 
 void FakeHdmiUtil::emitEvent(int32_t event, int32_t p1, int32_t p2, int32_t p3, int64_t p4) {
-    {
-        std::lock_guard<std::mutex> guard(mLock);
-        mPending.emplace_back(event, p1, p2, p3, p4);
-    }
-    mChanged.notify_all();
+    mEvents->post({event, p1, p2, p3, p4});
 }
 
 void FakeHdmiUtil::flushEvents() {
-    std::unique_lock<std::mutex> guard(mLock);
-    mChanged.wait(guard, [this] { return mPending.empty() && !mDelivering; });
+    mEvents->waitIdle();
 }
 
 sp<IHdmiUtilCallback> FakeHdmiUtil::callbackFor(int32_t pid) {
-    std::lock_guard<std::mutex> guard(mLock);
-    auto it = mCallbacks.find(pid);
-    return it == mCallbacks.end() ? nullptr : it->second;
+    return mEvents->callbackFor(pid);
 }
 
 size_t FakeHdmiUtil::registrationCount() {
-    std::lock_guard<std::mutex> guard(mLock);
-    return mCallbacks.size();
+    return mEvents->clients().size();
 }
 
 void FakeHdmiUtil::dropRegistrations() {
-    std::map<int32_t, sp<IHdmiUtilCallback>> dropped;
-    std::lock_guard<std::mutex> guard(mLock);
-    dropped.swap(mCallbacks);
-}
-
-void FakeHdmiUtil::eventLoop() {
-    std::unique_lock<std::mutex> guard(mLock);
-    for (;;) {
-        mChanged.wait(guard, [this] { return mStopping || !mPending.empty(); });
-        if (mStopping) return;
-        auto event = mPending.front();
-        mPending.pop_front();
-        std::vector<sp<IHdmiUtilCallback>> targets;
-        for (auto& entry : mCallbacks) targets.push_back(entry.second);
-        mDelivering = true;
-        guard.unlock();
-        for (auto& target : targets) {
-            Return<void> ret =
-                    target->handleEvent(std::get<0>(event), std::get<1>(event), std::get<2>(event),
-                                        std::get<3>(event), std::get<4>(event));
-            ret.isOk();  // a oneway call: nothing comes back
-        }
-        targets.clear();
-        guard.lock();
-        mDelivering = false;
-        mChanged.notify_all();
-    }
+    mEvents->dropClients();
 }
 
 Status transportFailure() {

@@ -17,9 +17,9 @@
 // A programmable IHdmiUtil for tests. Every operation is a GoogleMock method
 // (written from the generated interface header at build time), so tests set
 // answers and expectations per call and the fake records every call with its
-// arguments. On top of that it keeps the registered callbacks
-// per process id, as the real service does, and sends events to them from a
-// thread of its own.
+// arguments. On top of that it keeps the registered callbacks per process id
+// and sends events to them from a thread of its own, through the emulated
+// service's event dispatcher.
 //
 // Answers in the record form are given with AnswerRecord(status, record); a
 // transport failure with FailTransport(); a call that must block with Block().
@@ -42,6 +42,7 @@
 #include <tuple>
 #include <utility>
 
+#include "EventDispatcher.h"
 #include "MockMethods.h"
 
 namespace mirova {
@@ -99,15 +100,7 @@ class FakeHdmiUtil : public ::testing::NiceMock<MockHdmiUtil> {
     void dropRegistrations();
 
   private:
-    void eventLoop();
-
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    std::map<int32_t, sp<IHdmiUtilCallback>> mCallbacks;
-    std::deque<std::tuple<int32_t, int32_t, int32_t, int32_t, int64_t>> mPending;
-    bool mDelivering = false;
-    bool mStopping = false;
-    std::thread mEventThread;
+    const std::shared_ptr<emulator::EventDispatcher> mEvents = emulator::EventDispatcher::start();
 };
 
 // --- Actions ----------------------------------------------------------------
