@@ -28,6 +28,8 @@
 #include <utility>
 #include <vector>
 
+#include "DeathLinks.h"
+
 namespace android {
 namespace hardware {
 namespace host {
@@ -60,18 +62,10 @@ std::string keyOf(const std::string& descriptor, const std::string& instance) {
 }  // namespace
 
 struct ServiceEntry::Impl {
-    // Recipients are held weakly, as the real runtime holds them: a link does
-    // not keep its recipient alive.
-    struct Link {
-        wp<hidl_death_recipient> recipient;
-        uint64_t cookie;
-        wp<IBase> who;
-    };
-
     mutable std::mutex lock;
     sp<IBase> service;
     std::atomic<bool> alive{true};
-    std::vector<Link> links;
+    DeathLinks links;
 };
 
 ServiceEntry::ServiceEntry(const sp<IBase>& service) : mImpl(new Impl()) {
@@ -91,32 +85,21 @@ bool ServiceEntry::isAlive() const {
 
 bool ServiceEntry::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie,
                                const wp<IBase>& who) {
-    if (recipient == nullptr) return false;
-    std::lock_guard<std::mutex> guard(mImpl->lock);
-    if (!mImpl->alive) return false;
-    mImpl->links.push_back({recipient, cookie, who});
-    return true;
+    return mImpl->links.link(recipient, cookie, who);
 }
 
 bool ServiceEntry::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
-    std::lock_guard<std::mutex> guard(mImpl->lock);
-    for (auto it = mImpl->links.begin(); it != mImpl->links.end(); ++it) {
-        if (it->recipient == recipient.get()) {
-            mImpl->links.erase(it);
-            return true;
-        }
-    }
-    return false;
+    return mImpl->links.unlink(recipient);
 }
 
 void ServiceEntry::die() {
-    std::vector<Impl::Link> links;
+    std::vector<DeathLinks::Link> links;
     sp<IBase> service;
     {
         std::lock_guard<std::mutex> guard(mImpl->lock);
         if (!mImpl->alive.load(std::memory_order_relaxed)) return;
         mImpl->alive.store(false, std::memory_order_release);
-        links.swap(mImpl->links);
+        links = mImpl->links.die();
         service = std::move(mImpl->service);
         mImpl->service = nullptr;
     }
@@ -128,10 +111,7 @@ void ServiceEntry::die() {
     // Binder tells recipients on one of its own threads, never the killer's.
     std::thread([links = std::move(links), service = std::move(service)]() mutable {
         service.clear();  // the dead process's objects go first
-        for (auto& link : links) {
-            sp<hidl_death_recipient> recipient = link.recipient.promote();
-            if (recipient != nullptr) recipient->serviceDied(link.cookie, link.who);
-        }
+        DeathLinks::tell(links);
         links.clear();
         Registry& reg = registry();
         std::lock_guard<std::mutex> guard(reg.pendingLock);

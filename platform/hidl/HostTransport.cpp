@@ -40,6 +40,8 @@
 #include <thread>
 #include <utility>
 
+#include "DeathLinks.h"
+
 namespace android {
 namespace hardware {
 namespace host {
@@ -248,11 +250,6 @@ void registerCodec(const InterfaceCodec& codec) {
 // Connection
 
 struct Connection::Impl {
-    struct DeathLink {
-        wp<hidl_death_recipient> recipient;
-        uint64_t cookie;
-        wp<IBase> who;
-    };
     struct Exported {
         wp<IBase> object;
         std::string descriptor;
@@ -285,8 +282,7 @@ struct Connection::Impl {
     std::map<uint32_t, wp<IBase>> proxies;
     uint32_t nextObject = 1;
 
-    std::mutex deathLock;
-    std::vector<DeathLink> deathLinks;
+    DeathLinks deathLinks;
 
     std::mutex queueLock;
     std::condition_variable queueChanged;
@@ -340,16 +336,8 @@ void hangUp(Connection::Impl* c) {
         std::lock_guard<std::mutex> guard(c->queueLock);
         c->queueChanged.notify_all();
     }
-    std::vector<Connection::Impl::DeathLink> links;
-    {
-        std::lock_guard<std::mutex> guard(c->deathLock);
-        links.swap(c->deathLinks);
-    }
-    if (c->closing) return;
-    for (auto& link : links) {
-        sp<hidl_death_recipient> recipient = link.recipient.promote();
-        if (recipient != nullptr) recipient->serviceDied(link.cookie, link.who);
-    }
+    const std::vector<DeathLinks::Link> links = c->deathLinks.die();
+    if (!c->closing) DeathLinks::tell(links);
 }
 
 }  // namespace
@@ -588,23 +576,11 @@ sp<IBase> Connection::proxyFor(uint32_t object, const char* descriptor) {
 
 bool Connection::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie,
                              const wp<IBase>& who) {
-    if (recipient == nullptr) return false;
-    std::lock_guard<std::mutex> guard(mImpl->deathLock);
-    if (!mImpl->alive) return false;
-    mImpl->deathLinks.push_back({recipient, cookie, who});
-    return true;
+    return mImpl->alive && mImpl->deathLinks.link(recipient, cookie, who);
 }
 
 bool Connection::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
-    std::lock_guard<std::mutex> guard(mImpl->deathLock);
-    auto& links = mImpl->deathLinks;
-    for (auto it = links.begin(); it != links.end(); ++it) {
-        if (it->recipient == recipient.get()) {
-            links.erase(it);
-            return true;
-        }
-    }
-    return false;
+    return mImpl->deathLinks.unlink(recipient);
 }
 
 bool Connection::isAlive() const {
