@@ -307,12 +307,13 @@ class BpSockHdmiUtilCallback : public SocketProxy<IHdmiUtilCallback> {
     VISTREL_REMOTE_IHdmiUtilCallback_METHODS
 };
 
-VISTREL_REMOTE_IHdmiUtil_DISPATCH VISTREL_REMOTE_IHdmiUtilCallback_DISPATCH
+VISTREL_REMOTE_IHdmiUtil_DISPATCH;
+VISTREL_REMOTE_IHdmiUtilCallback_DISPATCH;
 
-        template <typename I,
-                  ::android::status_t (*Serve)(I*, uint32_t, WireIn&, WireOut*, const CallContext&)>
-        ::android::status_t dispatchTo(const sp<IBase>& target, uint32_t code, WireIn& in,
-                                       WireOut* out, const CallContext& context) {
+template <typename I,
+          ::android::status_t (*Serve)(I*, uint32_t, WireIn&, WireOut*, const CallContext&)>
+::android::status_t dispatchTo(const sp<IBase>& target, uint32_t code, WireIn& in, WireOut* out,
+                               const CallContext& context) {
     return Serve(static_cast<I*>(target.get()), code, in, out, context);
 }
 

@@ -118,7 +118,9 @@ def dispatch_function(name, callbacks, operations, oneway):
         else:
             out.append(f"            return reply(out, target->{method}({call_args}));")
         out.append("        }")
-    out += ["        default:", "            return ::android::UNKNOWN_TRANSACTION;", "    }", "}"]
+    # Ends in a declaration that wants the caller's semicolon, so that the use reads as one.
+    out += ["        default:", "            return ::android::UNKNOWN_TRANSACTION;", "    }", "}",
+            "static_assert(true, \"\")"]
     return f"#define VISTREL_REMOTE_{name}_DISPATCH \\\n" + " \\\n".join(out) + "\n"
 
 
