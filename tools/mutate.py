@@ -129,6 +129,8 @@ def main():
     ap.add_argument("--seed", type=int, default=17)
     ap.add_argument("--test-timeout", type=int, default=30, help="seconds per test")
     ap.add_argument("--jobs", default=str(os.cpu_count() or 2))
+    ap.add_argument("--killers", metavar="FILE",
+                    help="run the whole suite for each mutant and write which tests failed")
     args = ap.parse_args()
     root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
@@ -141,11 +143,13 @@ def main():
     build = ["cmake", "--build", args.build, "-j" + args.jobs]
     if run(build, 1800) != 0:
         sys.exit("mutate: the unmutated tree does not build")
-    ctest = ["ctest", "--test-dir", args.build, "--stop-on-failure", "-j" + args.jobs,
-             "--timeout", str(args.test_timeout)]
+    ctest = ["ctest", "--test-dir", args.build, "-j" + args.jobs, "--timeout",
+             str(args.test_timeout)] + ([] if args.killers else ["--stop-on-failure"])
     if run(ctest, 1800) != 0:
         sys.exit("mutate: the suite fails on the unmutated tree")
 
+    killers = open(args.killers, "w") if args.killers else None
+    failed_log = os.path.join(args.build, "Testing", "Temporary", "LastTestsFailed.log")
     killed = survived = skipped = gone = 0
     for number, site in enumerate(sample, 1):
         original = apply(root, site)
@@ -167,6 +171,13 @@ def main():
                 with open(os.path.join(root, site[0]), "w") as f:
                     f.write(original)
         print(f"{number:3} {verdict:9} {site[0]} [{site[1]}] {site[2].strip()}", flush=True)
+        if killers:
+            tests = []
+            if verdict == "killed" and os.path.exists(failed_log):
+                with open(failed_log) as f:
+                    tests = [line.strip().split(":", 1)[-1] for line in f if line.strip()]
+            killers.write(f"{number}\t{verdict}\t{' '.join(tests)}\n")
+            killers.flush()
 
     run(build, 1800)
     compiled = killed + survived
