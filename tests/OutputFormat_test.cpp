@@ -27,7 +27,7 @@
 #include <string>
 #include <utility>
 
-#include "support/FormatTest.h"
+#include "support/LibraryTest.h"
 
 namespace mirova {
 namespace test {
@@ -53,7 +53,7 @@ OutputFormat composed(uint8_t vic, uint8_t vicParam, uint8_t hdr) {
     return makeFormat(0x80, vic, vicParam, 255, 255, 0, hdr, 0);
 }
 
-class OutputFormatTest : public FormatTest {
+class OutputFormatTest : public InstanceTest {
   protected:
     template <typename Action>
     void expectRead(size_t which, Action action) {
@@ -194,10 +194,10 @@ std::string systemProperty(const char* key) {
     return value;
 }
 
-class DolbyVisionTest : public FormatTest {
+class DolbyVisionTest : public InstanceTest {
   protected:
     void SetUp() override {
-        FormatTest::SetUp();
+        InstanceTest::SetUp();
         ON_CALL(*fake, envSupportsDv()).WillByDefault(answers(1));
     }
 

@@ -25,7 +25,7 @@
 
 #include <functional>
 
-#include "support/FormatTest.h"
+#include "support/LibraryTest.h"
 
 namespace mirova {
 namespace test {
@@ -66,6 +66,11 @@ const _HDMI_OUTPUT_FORMAT kFormat = callerFormat(kSent);
     [](FakeHdmiUtil& f, AnswerAction a) { EXPECT_CALL(f, expectation).WillOnce(a); }
 #define CALLING(expression) [] { return (expression); }
 #define CALLING_VOID(statement) CALLING((statement, 0))
+// An operation whose entry point is hdmi_<method> with the service call's arguments.
+#define SAME(method, args, ...) \
+    { #method, EXPECTING(method args), CALLING(hdmi_##method args), __VA_ARGS__ }
+#define SAME_VOID(method, args) \
+    { #method, EXPECTING(method args), CALLING_VOID(hdmi_##method args), 0, 0, 0 }
 
 // clang-format off
 const Operation kOperations[] = {
@@ -74,37 +79,23 @@ const Operation kOperations[] = {
      CALLING(hdmi_setOutputFormat(&kFormat, 0)), 7, 7, kDeadObject},
     {"setOutputFormat", EXPECTING(setOutputFormat(kSent, INT_MIN)),
      CALLING(hdmi_setOutputFormat(&kFormat, INT_MIN)), -22, -22, kDeadObject},
-    {"setHDMIFormat3D", EXPECTING(setHDMIFormat3D(-1, -0.75f)),
-     CALLING(hdmi_setHDMIFormat3D(-1, -0.75f)), -22, -22, kDeadObject},
-    {"setVideoFps", EXPECTING(setVideoFps(INT_MAX, INT_MIN)),
-     CALLING(hdmi_setVideoFps(INT_MAX, INT_MIN)), INT_MAX, INT_MAX, kDeadObject},
-    {"acquireLock", EXPECTING(acquireLock(5)), CALLING(hdmi_acquireLock(5)), 0x7fff1234,
-     0x7fff1234, kDeadObject},
-    {"envSupportsDv", EXPECTING(envSupportsDv()), CALLING(hdmi_envSupportsDv()), 11, 11,
-     kDeadObject},
-    {"readHDRAutoProperty", EXPECTING(readHDRAutoProperty()), CALLING(hdmi_readHDRAutoProperty()),
-     -12, -12, kDeadObject},
-    {"isUnderDoviMode", EXPECTING(isUnderDoviMode(-3)), CALLING(hdmi_isUnderDoviMode(-3)),
-     INT_MAX, INT_MAX, kDeadObject},
-    {"checkHDRModeSupported", EXPECTING(checkHDRModeSupported(INT_MIN)),
-     CALLING(hdmi_checkHDRModeSupported(INT_MIN)), 14, 14, kDeadObject},
+    SAME(setHDMIFormat3D, (-1, -0.75f), -22, -22, kDeadObject),
+    SAME(setVideoFps, (INT_MAX, INT_MIN), INT_MAX, INT_MAX, kDeadObject),
+    SAME(acquireLock, (5), 0x7fff1234, 0x7fff1234, kDeadObject),
+    SAME(envSupportsDv, (), 11, 11, kDeadObject),
+    SAME(readHDRAutoProperty, (), -12, -12, kDeadObject),
+    SAME(isUnderDoviMode, (-3), INT_MAX, INT_MAX, kDeadObject),
+    SAME(checkHDRModeSupported, (INT_MIN), 14, 14, kDeadObject),
     {"control5v", EXPECTING(control5v(-2)), CALLING(hdmi_control_5v(-2)), -77, -77, kDeadObject},
-    {"readColorModeEnum", EXPECTING(readColorModeEnum()), CALLING(hdmi_readColorModeEnum()), -5,
-     -5, kDeadObject},
-    {"readEdidAutoMode", EXPECTING(readEdidAutoMode()), CALLING(hdmi_readEdidAutoMode()), -6, -6,
-     kDeadObject},
-    {"emulateFwCallbackHDRType", EXPECTING(emulateFwCallbackHDRType(-1, 2)),
-     CALLING(hdmi_emulateFwCallbackHDRType(-1, 2)), 9, 9, kDeadObject},
-    {"getDiffSourceValue", EXPECTING(getDiffSourceValue()), CALLING(hdmi_getDiffSourceValue()),
-     -7, -7, kDeadObject},
-    {"setDiffSourceValue", EXPECTING(setDiffSourceValue(-4)),
-     CALLING(hdmi_setDiffSourceValue(-4)), -3, -3, kDeadObject},
-    {"getVRREnabled", EXPECTING(getVRREnabled()), CALLING(hdmi_getVRREnabled()), -8, -8,
-     kDeadObject},
-    {"getPropVal", EXPECTING(getPropVal(9)), CALLING(hdmi_getPropVal(9)), 1, 1, kDeadObject},
-    {"getPropVal", EXPECTING(getPropVal(9)), CALLING(hdmi_getPropVal(9)), 0, 0, kDeadObject},
-    {"getPropVal", EXPECTING(getPropVal(INT_MIN)), CALLING(hdmi_getPropVal(INT_MIN)), INT_MAX,
-     INT_MAX, kDeadObject},
+    SAME(readColorModeEnum, (), -5, -5, kDeadObject),
+    SAME(readEdidAutoMode, (), -6, -6, kDeadObject),
+    SAME(emulateFwCallbackHDRType, (-1, 2), 9, 9, kDeadObject),
+    SAME(getDiffSourceValue, (), -7, -7, kDeadObject),
+    SAME(setDiffSourceValue, (-4), -3, -3, kDeadObject),
+    SAME(getVRREnabled, (), -8, -8, kDeadObject),
+    SAME(getPropVal, (9), 1, 1, kDeadObject),
+    SAME(getPropVal, (9), 0, 0, kDeadObject),
+    SAME(getPropVal, (INT_MIN), INT_MAX, INT_MAX, kDeadObject),
     {"getPropVal", EXPECTING(getPropVal(0)), CALLING(hdmi_getIgnoreEdidValue()), 11, 11,
      kDeadObject},
     {"getPropVal", EXPECTING(getPropVal(1)), CALLING(hdmi_getIgnoreHotplugValue()), -38, -38,
@@ -118,51 +109,41 @@ const Operation kOperations[] = {
      CALLING(hdmi_isOutputFormatSupported(kFormat)), 0, kBadValue, kDeadObject},
 
     // No-result form with a result for the caller: 0, or DEAD_OBJECT.
-    {"setPropVal", EXPECTING(setPropVal(INT_MIN, INT_MAX)),
-     CALLING(hdmi_setPropVal(INT_MIN, INT_MAX)), 0, 0, kDeadObject},
+    SAME(setPropVal, (INT_MIN, INT_MAX), 0, 0, kDeadObject),
     {"setPropVal", EXPECTING(setPropVal(0, 33)), CALLING(hdmi_setIgnoreEDIDValue(33)), 0, 0,
      kDeadObject},
     {"setPropVal", EXPECTING(setPropVal(1, -44)), CALLING(hdmi_setIgnoreHotplugValue(-44)), 0, 0,
      kDeadObject},
-    {"setVRREnable", EXPECTING(setVRREnable(-7)), CALLING(hdmi_setVRREnable(-7)), 0, 0,
-     kDeadObject},
-    {"setVRRFps", EXPECTING(setVRRFps(-7)), CALLING(hdmi_setVRRFps(-7)), 0, 0, kDeadObject},
-    {"setALLM", EXPECTING(setALLM(-7)), CALLING(hdmi_setALLM(-7)), 0, 0, kDeadObject},
-    {"saveColorModeEnum", EXPECTING(saveColorModeEnum(-7)), CALLING(hdmi_saveColorModeEnum(-7)), 0,
-     0, kDeadObject},
-    {"saveEdidAutoMode", EXPECTING(saveEdidAutoMode(-7)), CALLING(hdmi_saveEdidAutoMode(-7)), 0, 0,
-     kDeadObject},
+    SAME(setVRREnable, (-7), 0, 0, kDeadObject),
+    SAME(setVRRFps, (-7), 0, 0, kDeadObject),
+    SAME(setALLM, (-7), 0, 0, kDeadObject),
+    SAME(saveColorModeEnum, (-7), 0, 0, kDeadObject),
+    SAME(saveEdidAutoMode, (-7), 0, 0, kDeadObject),
     {"saveOutputFormat", EXPECTING(saveOutputFormat(kSent)),
      CALLING(hdmi_saveOutputFormat(&kFormat)), 0, 0, kDeadObject},
-    {"clearOneStepInfo", EXPECTING(clearOneStepInfo()), CALLING(hdmi_clearOneStepInfo()), 0, 1,
-     kDeadObject},
+    SAME(clearOneStepInfo, (), 0, 1, kDeadObject),
 
     // No result at all: a failure is only logged.
-    {"setHDMIEnable", EXPECTING(setHDMIEnable(-7)), CALLING_VOID(hdmi_setHDMIEnable(-7)), 0, 0, 0},
-    {"setDisplayState", EXPECTING(setDisplayState(-7)), CALLING_VOID(hdmi_setDisplayState(-7)), 0,
-     0, 0},
-    {"getHidlInfo", EXPECTING(getHidlInfo(-7, 5)), CALLING_VOID(hdmi_getHidlInfo(-7, 5)), 0, 0, 0},
-    {"releaseLock", EXPECTING(releaseLock(-3)), CALLING_VOID(hdmi_releaseLock(-3)), 0, 0, 0},
-    {"setHDREotfMode", EXPECTING(setHDREotfMode(7)), CALLING_VOID(hdmi_setHDREotfMode(7)), 0, 0,
-     0},
-    {"getSinkCapability", EXPECTING(getSinkCapability()), CALLING_VOID(hdmi_getSinkCapability()),
-     0, 0, 0},
+    SAME_VOID(setHDMIEnable, (-7)),
+    SAME_VOID(setDisplayState, (-7)),
+    SAME_VOID(getHidlInfo, (-7, 5)),
+    SAME_VOID(releaseLock, (-3)),
+    SAME_VOID(setHDREotfMode, (7)),
+    SAME_VOID(getSinkCapability, ()),
 
     // Yes/no form: 1 or 0, and 0 after a failure.
-    {"checkIfHDMIPlugged", EXPECTING(checkIfHDMIPlugged()), CALLING(hdmi_checkIfHDMIPlugged()), 1,
-     1, 0},
-    {"checkIfHDMIPlugged", EXPECTING(checkIfHDMIPlugged()), CALLING(hdmi_checkIfHDMIPlugged()), 0,
-     0, 0},
-    {"getHDMIEDIDReady", EXPECTING(getHDMIEDIDReady()), CALLING(hdmi_getHDMIEDIDReady()), 1, 1, 0},
-    {"getHDMIEDIDReady", EXPECTING(getHDMIEDIDReady()), CALLING(hdmi_getHDMIEDIDReady()), 0, 0, 0},
-    {"isTVSupport3D", EXPECTING(isTVSupport3D()), CALLING(hdmi_isTVSupport3D()), 1, 1, 0},
-    {"isTVSupport3D", EXPECTING(isTVSupport3D()), CALLING(hdmi_isTVSupport3D()), 0, 0, 0},
-    {"getForceOffVal", EXPECTING(getForceOffVal()), CALLING(hdmi_getForceOffVal()), 1, 1, 0},
-    {"getForceOffVal", EXPECTING(getForceOffVal()), CALLING(hdmi_getForceOffVal()), 0, 0, 0},
+    SAME(checkIfHDMIPlugged, (), 1, 1, 0),
+    SAME(checkIfHDMIPlugged, (), 0, 0, 0),
+    SAME(getHDMIEDIDReady, (), 1, 1, 0),
+    SAME(getHDMIEDIDReady, (), 0, 0, 0),
+    SAME(isTVSupport3D, (), 1, 1, 0),
+    SAME(isTVSupport3D, (), 0, 0, 0),
+    SAME(getForceOffVal, (), 1, 1, 0),
+    SAME(getForceOffVal, (), 0, 0, 0),
 };
 // clang-format on
 
-class ServiceAnswersTest : public FormatTest {};
+class ServiceAnswersTest : public InstanceTest {};
 
 TEST_F(ServiceAnswersTest, ArgumentsAnswersAndTransportFailures) {
     for (const Operation& op : kOperations) {

@@ -29,7 +29,6 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,7 +46,6 @@ using ::testing::Return;
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;  // NOLINT(build/namespaces)
 
-constexpr const char* kTag = "HDMI-HIDL-Vistrel";
 const std::string kDeliverLine = "[HDMIEVNT][handleEventAsync] deliver event to outside";
 
 // The name the library reports: this process's first command-line argument.
@@ -129,56 +127,43 @@ TEST_F(ServiceLinkTest, CreationWaitsForTheStartPropertyThenTheService) {
     starter.join();
 
     EXPECT_EQ(failedBeforeStart, 0);
-    EXPECT_GE(LogCapture::countExact(kLookupFailedLine, ANDROID_LOG_ERROR, kTag), 2);
+    EXPECT_GE(LogCapture::countExact(kLookupFailedLine, ANDROID_LOG_ERROR, kVistrelTag), 2);
     EXPECT_GE(returnedAt, publishedAt);
     EXPECT_LT(returnedAt - publishedAt, 500ms);  // 100 ms steps
 }
 
-enum Service { kHeld, kRestarted, kAbsent };  // for the library at the call
-
-struct TryCase {
-    friend void PrintTo(const TryCase& c, std::ostream* os) { *os << c.name; }
-    const char* name;
-    const char* value;  // null: the property is unset
-    Service service;
-    bool started;  // the pass line instead of the failed one
-    int result;
-};
-const TryCase kTryCases[] = {
-        {"One", "1", kRestarted, true, 1},        {"Two", "2", kRestarted, true, 1},
-        {"Ten", "10", kRestarted, true, 1},       {"OneHeld", "1", kHeld, true, 1},
-        {"OneAbsent", "1", kAbsent, true, 0},     {"ZeroHeld", "0", kHeld, false, 0},
-        {"MinusOne", "-1", kRestarted, false, 0}, {"Letters", "abc", kRestarted, false, 0},
-        {"UnsetHeld", nullptr, kHeld, false, 0}};
-
-class TryGetServiceTest : public ServiceLinkTest, public ::testing::WithParamInterface<TryCase> {};
-
 // The property is read first, also with a service held; a held service is
 // answered without a new lookup; a failed lookup names the process after the
 // pass line.
-TEST_P(TryGetServiceTest, AnswersByThePropertyAndTheServiceHeld) {
-    const TryCase& c = GetParam();
-    createLib();
-    if (c.service != kHeld) replaceService();
-    if (c.service != kRestarted) clearServices();  // a lookup would fail
-    c.value ? (void)property_set(kServiceStartProperty, c.value)
-            : property_host_unset(kServiceStartProperty);
-    LogCapture::clear();
-    EXPECT_EQ(hdmi_tryGetService(), c.result);
-    property_set(kServiceStartProperty, "1");  // the calls below and the release need it
+TEST_F(ServiceLinkTest, TryGetServiceAnswersByThePropertyAndTheServiceHeld) {
+    for (const Row& row : tableRows("try-get-service.tsv")) {
+        SCOPED_TRACE(::testing::PrintToString(row));
+        const std::string &value = row[0], &service = row[1];
+        const bool started = row[2] == "yes";
+        createLib();
+        if (service != "held") replaceService();
+        if (service != "restarted") clearServices();  // a lookup would fail
+        value == "<unset>" ? property_host_unset(kServiceStartProperty)
+                           : (void)property_set(kServiceStartProperty, value.c_str());
+        LogCapture::clear();
+        EXPECT_EQ(hdmi_tryGetService(), num(row[3]));
+        property_set(kServiceStartProperty, "1");  // the calls below and the release need it
 
-    EXPECT_EQ(LogCapture::countExact("[HDMI-SEQ] tryGetService pass", ANDROID_LOG_DEBUG, kTag),
-              c.started ? 1 : 0);
-    EXPECT_EQ(LogCapture::countExact("[HDMI-SEQ] tryGetService failed", ANDROID_LOG_ERROR, kTag),
-              c.started ? 0 : 1);
-    const bool lookupFailed = c.started && c.service == kAbsent;
-    EXPECT_EQ(LogCapture::countExact(kLookupFailedLine, ANDROID_LOG_ERROR, kTag), lookupFailed);
-    EXPECT_TRUE(!lookupFailed || LogCapture::lines().back().message == kLookupFailedLine);
-    if (c.service == kAbsent) fake->publish();
+        EXPECT_EQ(LogCapture::countExact("[HDMI-SEQ] tryGetService pass", ANDROID_LOG_DEBUG,
+                                         kVistrelTag),
+                  started ? 1 : 0);
+        EXPECT_EQ(LogCapture::countExact("[HDMI-SEQ] tryGetService failed", ANDROID_LOG_ERROR,
+                                         kVistrelTag),
+                  started ? 0 : 1);
+        const bool lookupFailed = started && service == "absent";
+        EXPECT_EQ(LogCapture::countExact(kLookupFailedLine, ANDROID_LOG_ERROR, kVistrelTag),
+                  lookupFailed);
+        EXPECT_TRUE(!lookupFailed || LogCapture::lines().back().message == kLookupFailedLine);
+        if (service == "absent") fake->publish();  // the release waits for a service
+        TearDown();                                // each row on a fresh fixture
+        SetUp();
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Values, TryGetServiceTest, ::testing::ValuesIn(kTryCases),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 // After the service dies the next lock call reaches its successor.
 // Acquisitions are numbered from 1 and a death notice names the one it is
@@ -187,7 +172,7 @@ TEST_F(ServiceLinkTest, LockOperationsReachTheCurrentService) {
     createLib();
     LogCapture::clear();
     replaceService();
-    EXPECT_EQ(LogCapture::countExact("serviceDied:E", ANDROID_LOG_WARN, kTag), 1);
+    EXPECT_EQ(LogCapture::countExact("serviceDied:E", ANDROID_LOG_WARN, kVistrelTag), 1);
     EXPECT_CALL(*fake, acquireLock(1)).WillOnce(Return(9));
     EXPECT_EQ(hdmi_acquireLock(1), 9);  // the second acquisition
     EXPECT_CALL(*fake, releaseLock(-3));
@@ -274,7 +259,7 @@ TEST_F(ServiceLinkTest, EventsArriveInOrderWithEveryValueWhole) {
                                   second.param3, second.param4),
                   std::make_tuple(2, i, -i, i * 1000, INT32_MIN + i, wide[i % 4]));
     }
-    EXPECT_EQ(LogCapture::countExact(kDeliverLine, ANDROID_LOG_DEBUG, kTag), 2 * kEvents);
+    EXPECT_EQ(LogCapture::countExact(kDeliverLine, ANDROID_LOG_DEBUG, kVistrelTag), 2 * kEvents);
     EXPECT_EQ(LogCapture::countExact(arrivalLine(&callback, &callback2, 7)), 1);
 }
 

@@ -34,34 +34,24 @@ namespace {
 
 using ::testing::_;
 using ::testing::Return;
-using ValueReturn = ::android::hardware::Return<int32_t>;
 
 constexpr int kSameSource = 1030;
 constexpr int kDualDisplay = 2054;
-constexpr int kAlreadyExists = -17;
-constexpr int kDeadObject = -32;
 
 const OutputFormat kCurrent = makeFormat(3, 97, 1, 2, 10, 4, 5, 6);
 
-// A value answer that ON_CALL can repeat.
-auto Answer(int32_t value) {
-    return [value] { return ValueReturn(value); };
-}
-
-class SettingsTest : public LibraryTest {
+class SettingsTest : public InstanceTest {
   protected:
     void SetUp() override {
-        LibraryTest::SetUp();
-        lib = createLib();
-        ASSERT_NE(lib, nullptr);
+        InstanceTest::SetUp();
+        lib = hdmi_getCurrentLibInstance();
         ON_CALL(*fake, getCurrentOutputFormat(_)).WillByDefault(AnswerRecord(1, kCurrent));
         // The flags of each format applied; -1 for any format but the current one.
         ON_CALL(*fake, setOutputFormat(_, _))
                 .WillByDefault([this](const OutputFormat& format, int32_t flags) {
                     applied.push_back(format == kCurrent ? flags : -1);
-                    return ValueReturn(0);
+                    return ::android::hardware::Return<int32_t>(0);
                 });
-        LogCapture::clear();
     }
 
     Vistrel* lib = nullptr;
@@ -90,7 +80,7 @@ TEST_F(SettingsTest, RoutingSupportIsAskedUntilTheServiceAnswers) {
 // different-source types, op 1 restores whatever the type, others are refused.
 TEST_F(SettingsTest, RoutingOpModesByInterfaceType) {
     EXPECT_CALL(*fake, isRuntimeDpHDMISupported()).WillOnce(Return(1));  // 1 is kept
-    ON_CALL(*fake, getDiffSourceValue()).WillByDefault(Answer(-3));
+    ON_CALL(*fake, getDiffSourceValue()).WillByDefault(answers(-3));
     auto logged = [](const std::string& text, int priority) {
         return LogCapture::countExact("[runtimeSetDpHDMISetting] " + text, priority);
     };
@@ -99,7 +89,7 @@ TEST_F(SettingsTest, RoutingOpModesByInterfaceType) {
         SCOPED_TRACE(type);
         LogCapture::clear();
         applied.clear();
-        ON_CALL(*fake, getInterfaceType()).WillByDefault(Answer(type));
+        ON_CALL(*fake, getInterfaceType()).WillByDefault(answers(type));
         for (int op : {0, 1, 2, -1}) EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(op), 0);
         EXPECT_EQ(applied, (row[2] == "folds" ? std::vector<int>{kSameSource, kDualDisplay}
                                               : std::vector<int>{kDualDisplay}));
@@ -111,8 +101,8 @@ TEST_F(SettingsTest, RoutingOpModesByInterfaceType) {
 }
 
 TEST_F(SettingsTest, RoutingFailuresApplyNothingAndKeepTheResult) {
-    ON_CALL(*fake, isRuntimeDpHDMISupported()).WillByDefault(Answer(1));
-    EXPECT_CALL(*fake, getInterfaceType()).WillOnce(FailTransport()).WillRepeatedly(Answer(7));
+    ON_CALL(*fake, isRuntimeDpHDMISupported()).WillByDefault(answers(1));
+    EXPECT_CALL(*fake, getInterfaceType()).WillOnce(FailTransport()).WillRepeatedly(answers(7));
     EXPECT_EQ(hdmi_runtimeSetDpHDMISetting(0), kDeadObject);
     // A format that could not be read is zeros: applying it would switch the output off.
     EXPECT_CALL(*fake, getCurrentOutputFormat(_))

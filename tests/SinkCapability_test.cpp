@@ -24,7 +24,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "support/FormatTest.h"
+#include "support/LibraryTest.h"
 
 namespace mirova {
 namespace test {
@@ -71,7 +71,7 @@ std::vector<uint8_t> edidOf(size_t size) {
     return edid;
 }
 
-class SinkCapabilityTest : public FormatTest {
+class SinkCapabilityTest : public InstanceTest {
   protected:
     // One refresh of the format list against a sink with `hdrCaps` that
     // offers `formats`: the capabilities are asked first, then the formats.
@@ -190,21 +190,15 @@ TEST_F(SinkCapabilityTest, WithoutFilterEveryEntryIsKeptInOrderByteForByte) {
     EXPECT_EQ(memcmp(list.array(), formats.data(), formats.size() * sizeof(formats[0])), 0);
 }
 
-// An HDR sink has any of hdrCaps bits 1 to 3: the refresh filters only when
-// asked to for one, and hasHDR answers yes only for one.
 TEST_F(SinkCapabilityTest, HdrSinksAreThoseWithHdrCapsBits1To3) {
-    const struct {
-        int hdrFilter;
-        int32_t hdrCaps;
-        bool hdrSink;
-    } cases[] = {{1, 0, false}, {1, 1, false}, {1, 0xF1, false}, {0, 0x0F, true},
-                 {1, 2, true},  {1, 8, true},  {-1, 0x14, true}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << c.hdrFilter << "/" << c.hdrCaps);
-        ASSERT_EQ(refresh(c.hdrFilter, c.hdrCaps, kFormats), 0);
-        EXPECT_EQ(cachedCodes(), c.hdrSink && c.hdrFilter != 0 ? kHdrCodes : kAllCodes);
-        EXPECT_CALL(*fake, getTVCapInfo(_)).WillOnce(AnswerRecord(1, sinkWith(c.hdrCaps)));
-        EXPECT_EQ(hdmi_getCurrentLibInstance()->hasHDR(), c.hdrSink ? 1 : 0);
+    for (const Row& row : tableRows("hdr-sinks.tsv")) {
+        SCOPED_TRACE(::testing::PrintToString(row));
+        const int filter = num(row[0]), hdrCaps = num(row[1]);
+        const bool hdrSink = row[2] == "yes";
+        ASSERT_EQ(refresh(filter, hdrCaps, kFormats), 0);
+        EXPECT_EQ(cachedCodes(), hdrSink && filter != 0 ? kHdrCodes : kAllCodes);
+        EXPECT_CALL(*fake, getTVCapInfo(_)).WillOnce(AnswerRecord(1, sinkWith(hdrCaps)));
+        EXPECT_EQ(hdmi_getCurrentLibInstance()->hasHDR(), hdrSink ? 1 : 0);
     }
     // A failed capability query counts as a sink without HDR.
     EXPECT_CALL(*fake, getTVCapInfo(_))

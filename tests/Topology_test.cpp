@@ -63,13 +63,11 @@ std::string describe(const hHDRContentTopo& t) {
     return out;
 }
 
-class TopologyTest : public LibraryTest {
+class TopologyTest : public InstanceTest {
   protected:
     void SetUp() override {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
-        LibraryTest::SetUp();
-        lib = createLib();
-        ASSERT_NE(lib, nullptr);
+        InstanceTest::SetUp();
+        lib = hdmi_getCurrentLibInstance();
         ON_CALL(*fake, handleTopoInfo(_)).WillByDefault([this](const hHDRContentTopo& t) {
             if (holdFirst.exchange(false)) gate.wait();
             std::lock_guard<std::mutex> guard(sentLock);

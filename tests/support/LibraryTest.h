@@ -14,16 +14,19 @@
  * limitations under the License.
  */
 
-// The fixture most library tests use: a fresh property store and service
+// The fixtures most library tests use: a fresh property store and service
 // registry, a FakeHdmiUtil published as the "default" service with the
 // start-up property at "1", log capture, and helpers to create and release
-// the one library instance.
+// the one library instance; InstanceTest creates it before each test. Also the
+// checks on records and log lines the tests share.
 
 #pragma once
 
 #include <Vistrel.h>
 #include <VistrelLib.h>
+#include <android/log.h>
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <string>
 #include <vector>
@@ -35,6 +38,7 @@ namespace mirova {
 namespace test {
 
 constexpr const char* kServiceStartProperty = "vendor.mirova.hdmi.service.start";
+constexpr const char* kVistrelTag = "HDMI-HIDL-Vistrel";
 
 class LibraryTest : public ::testing::Test {
   protected:
@@ -61,6 +65,66 @@ std::vector<int32_t> nums(const std::string& field);
 
 // Resets the process-wide state the library and the stand-ins keep.
 void resetPlatform();
+
+constexpr int kInvalidOperation = -38;
+constexpr int kDeadObject = -32;
+constexpr int kBadValue = -22;
+constexpr int kAlreadyExists = -17;
+
+// The caller's record with the same eight bytes as a service record.
+inline _HDMI_OUTPUT_FORMAT callerFormat(const OutputFormat& f) {
+    _HDMI_OUTPUT_FORMAT out;
+    memcpy(&out, &f, sizeof(out));
+    return out;
+}
+
+inline bool allBytes(const void* p, size_t n, uint8_t byte) {
+    for (size_t i = 0; i < n; ++i) {
+        if (static_cast<const uint8_t*>(p)[i] != byte) return false;
+    }
+    return true;
+}
+
+// Library lines at `priority` since the log was last cleared.
+inline int linesAt(int priority) {
+    int count = 0;
+    for (const LogLine& line : LogCapture::lines()) {
+        if (line.tag == kVistrelTag && line.priority == priority) ++count;
+    }
+    return count;
+}
+
+// Library lines at warning level or above since the log was last cleared.
+inline int problemLines() {
+    return linesAt(ANDROID_LOG_WARN) + linesAt(ANDROID_LOG_ERROR);
+}
+
+// The "<method> Error" lines of transport failures.
+inline int errorLines(const std::string& method) {
+    return LogCapture::countExact(method + " Error", ANDROID_LOG_ERROR, kVistrelTag);
+}
+
+// A value answer that can be given more than once (WillRepeatedly, ON_CALL),
+// which a plain Return(value) cannot for the service's Return<int32_t>.
+inline auto answers(int32_t value) {
+    return ::testing::Invoke(
+            [value](auto&&...) { return ::android::hardware::Return<int32_t>(value); });
+}
+
+// The library is created before each test; the calls and log lines of its
+// construction are not part of what a test checks.
+class InstanceTest : public LibraryTest {
+  protected:
+    void SetUp() override {
+        // The library and the fake run threads: death tests re-run the test
+        // in a fresh process instead of forking.
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        LibraryTest::SetUp();
+        ASSERT_NE(createLib(), nullptr);
+        ::testing::Mock::VerifyAndClearExpectations(fake.get());
+        LogCapture::clear();
+    }
+};
 
 }  // namespace test
 }  // namespace mirova
