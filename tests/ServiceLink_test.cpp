@@ -58,7 +58,8 @@ std::string ownProcessName() {
 
 const std::string kLookupFailedLine = "process [" + ownProcessName() + "] get service failed";
 
-std::string arrivalLine(const void* callback, const void* callback2, int event) {
+std::string arrivalLine(const VistrelCallback* callback, const VistrelCallback2* callback2,
+                        int event) {
     char line[160];
     snprintf(line, sizeof(line), "[HDMIEVNT][handleEvent] callback %p callback2 %p event %d",
              callback, callback2, event);

@@ -72,11 +72,16 @@ class EventRecorder {
 // Runs `hook`, when set, on the calling thread and then records the call.
 using DeliveryHook = std::function<void(const Delivery&)>;
 
-class RecordingCallback : public VistrelCallback {
+// A caller callback object of either kind, recording under its id.
+class RecordingCallback : public VistrelCallback, public VistrelCallback2 {
   public:
     RecordingCallback(EventRecorder* recorder, int id) : mRecorder(recorder), mId(id) {}
     void onHdmiEvent(int32_t event, int32_t param1, int32_t param2) override {
-        Delivery d{mId, event, param1, param2, 0, 0, std::this_thread::get_id()};
+        onHdmiEvent(event, param1, param2, 0, 0);
+    }
+    void onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
+                     int64_t param4) override {
+        Delivery d{mId, event, param1, param2, param3, param4, std::this_thread::get_id()};
         if (hook) hook(d);
         mRecorder->record(d);  // last: a test may end as soon as it sees the call
     }
@@ -86,22 +91,7 @@ class RecordingCallback : public VistrelCallback {
     EventRecorder* const mRecorder;
     const int mId;
 };
-
-class RecordingCallback2 : public VistrelCallback2 {
-  public:
-    RecordingCallback2(EventRecorder* recorder, int id) : mRecorder(recorder), mId(id) {}
-    void onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
-                     int64_t param4) override {
-        Delivery d{mId, event, param1, param2, param3, param4, std::this_thread::get_id()};
-        if (hook) hook(d);
-        mRecorder->record(d);
-    }
-    DeliveryHook hook;
-
-  private:
-    EventRecorder* const mRecorder;
-    const int mId;
-};
+using RecordingCallback2 = RecordingCallback;
 
 }  // namespace test
 }  // namespace mirova
