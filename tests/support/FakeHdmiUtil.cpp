@@ -18,6 +18,8 @@
 
 #include <stdlib.h>
 
+#include <mutex>
+
 namespace mirova {
 namespace test {
 
@@ -36,9 +38,14 @@ FakeHdmiUtil::FakeHdmiUtil() {
         return Void();
     }));
 
-    // Value answers are 0 and yes/no answers "no" unless a test says otherwise.
-    ::testing::DefaultValue<Return<int32_t>>::SetFactory([] { return Return<int32_t>(0); });
-    ::testing::DefaultValue<Return<bool>>::SetFactory([] { return Return<bool>(false); });
+    // Value answers are 0 and yes/no answers "no" unless a test says otherwise. The
+    // defaults are process-wide and read by every fake's calls: set once, never replaced
+    // while another fake answers.
+    static std::once_flag defaults;
+    std::call_once(defaults, [] {
+        ::testing::DefaultValue<Return<int32_t>>::SetFactory([] { return Return<int32_t>(0); });
+        ::testing::DefaultValue<Return<bool>>::SetFactory([] { return Return<bool>(false); });
+    });
 
     ON_CALL(*this, readOutputFormat(_)).WillByDefault(AnswerRecord(0, OutputFormat{}));
     ON_CALL(*this, getCurrentOutputFormat(_)).WillByDefault(AnswerRecord(0, OutputFormat{}));
