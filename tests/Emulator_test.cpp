@@ -681,7 +681,9 @@ TEST_F(EmulatorTest, PlugUnplugAndEdidChangesReachTheCaller) {
     emulator->waitForEvents();
     emulator->unplug();
     emulator->plug();
-    nextEvents({kEventFormatChange, kEventFormatChange});
+    got = nextEvents({kEventFormatChange, kEventFormatChange});
+    EXPECT_EQ(std::tuple(got.at(0).param3, got.at(1).param3),
+              std::tuple(int32_t(kModeOff), int32_t(kModeOn)));  // each change sent once
 }
 
 TEST_F(EmulatorTest, OutputFormatAndSettingsFollowWhatTheSinkTakes) {
@@ -722,7 +724,8 @@ TEST_F(EmulatorTest, OutputFormatAndSettingsFollowWhatTheSinkTakes) {
     EXPECT_EQ(std::tuple(hdmi_getVRREnabled(), emulator->state().allm), std::tuple(0, 0));
     EXPECT_EQ(hdmi_setVRREnable(1), 0);
     EXPECT_EQ(hdmi_getVRREnabled(), 0);
-    EXPECT_EQ(hdmi_setHDMIFormat3D(1, 0.0f), kResultUnsupported);
+    EXPECT_EQ(std::tuple(hdmi_setHDMIFormat3D(1, 0.0f), hdmi_setHDMIFormat3D(0, 0.0f)),
+              std::tuple(kResultUnsupported, 0));
     // A substitute EDID that does not parse leaves the sink as it was.
     std::vector<uint8_t> garbage(256, 0x5a);
     EXPECT_EQ(hdmi_setFakeEDID(garbage.data(), 256), 0);
