@@ -93,10 +93,11 @@ bool SinkProfile::carriedAt8(uint8_t vic) const {
 uint8_t SinkProfile::pickAutoVic() const {
     if (mModel.preferredVic != 0 && carriedAt8(mModel.preferredVic)) return mModel.preferredVic;
     // Else the largest, then fastest, progressive format the link carries,
-    // one that is not restricted to 4:2:0 first.
+    // one that is not restricted to 4:2:0 first; an interlaced one only when
+    // no progressive format is carried.
     const VideoFormat* best = nullptr;
     auto rank = [](const VideoFormat& f) {
-        return std::make_tuple(!f.only420, f.width * f.height, f.refreshHz, !f.interlaced);
+        return std::make_tuple(!f.only420, !f.interlaced, f.width * f.height, f.refreshHz);
     };
     for (const VideoFormat& f : mModel.videoFormats) {
         if (f.width == 0 || !carriedAt8(f.vic)) continue;  // unknown code, or too fast
@@ -114,7 +115,7 @@ uint8_t SinkProfile::pickAutoVic() const {
                 return;
             }
             auto key = [](const VicTiming& t) {
-                return std::make_tuple(t.width * t.height, t.refreshHz, !t.interlaced);
+                return std::make_tuple(!t.interlaced, t.width * t.height, t.refreshHz);
             };
             if (fallback == nullptr || key(v) > key(*fallback)) fallback = &v;
         });
