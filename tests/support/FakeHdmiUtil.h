@@ -56,16 +56,8 @@ using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Status;
 using ::android::hardware::Void;
-using ::vendor::mirova::hdmiutil::common::V1_0::ColorSet;
-using ::vendor::mirova::hdmiutil::common::V1_0::EDIDData;
-using ::vendor::mirova::hdmiutil::common::V1_0::EDIDSupportList;
-using ::vendor::mirova::hdmiutil::common::V1_0::hAudio_desc;
-using ::vendor::mirova::hdmiutil::common::V1_0::HDMIFormatSupport;
-using ::vendor::mirova::hdmiutil::common::V1_0::HDRList;
-using ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo;
-using ::vendor::mirova::hdmiutil::common::V1_0::hHDRInstance;
-using ::vendor::mirova::hdmiutil::common::V1_0::OutputFormat;
-using ::vendor::mirova::hdmiutil::common::V1_0::TVCapInfo;
+// The service records (OutputFormat, TVCapInfo, ...).
+using namespace ::vendor::mirova::hdmiutil::common::V1_0;  // NOLINT(build/namespaces)
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
 

@@ -19,6 +19,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <mutex>
 
 namespace mirova {
@@ -67,24 +68,19 @@ std::vector<LogLine> LogCapture::lines() {
 }
 
 int LogCapture::countExact(const std::string& message, int priority, const std::string& tag) {
-    int count = 0;
-    for (const LogLine& line : lines()) {
-        if (line.message != message) continue;
-        if (priority >= 0 && line.priority != priority) continue;
-        if (!tag.empty() && line.tag != tag) continue;
-        ++count;
-    }
-    return count;
+    const std::vector<LogLine> all = lines();
+    return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const LogLine& line) {
+        return line.message == message && (priority < 0 || line.priority == priority) &&
+               (tag.empty() || line.tag == tag);
+    }));
 }
 
 int LogCapture::countContaining(const std::string& text, int priority) {
-    int count = 0;
-    for (const LogLine& line : lines()) {
-        if (line.message.find(text) == std::string::npos) continue;
-        if (priority >= 0 && line.priority != priority) continue;
-        ++count;
-    }
-    return count;
+    const std::vector<LogLine> all = lines();
+    return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const LogLine& line) {
+        return line.message.find(text) != std::string::npos &&
+               (priority < 0 || line.priority == priority);
+    }));
 }
 
 }  // namespace test
