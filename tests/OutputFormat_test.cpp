@@ -48,6 +48,11 @@ const ReadOperation kReads[] = {{"getCurrentOutputFormat", hdmi_getCurrentOutput
                                 {"readOutputFormat", hdmi_readOutputFormat},
                                 {"getResolvedAutoOutputFormat", hdmi_getResolvedAutoOutputFormat}};
 
+// A format of eight numbers, as the tables write them.
+OutputFormat formatOf(const std::vector<int32_t>& b) {
+    return makeFormat(b.at(0), b.at(1), b.at(2), b.at(3), b.at(4), b.at(5), b.at(6), b.at(7));
+}
+
 // The composer's format for a timing, with the HDR mode it chose.
 OutputFormat composed(uint8_t vic, uint8_t vicParam, uint8_t hdr) {
     return makeFormat(0x80, vic, vicParam, 255, 255, 0, hdr, 0);
@@ -76,9 +81,7 @@ TEST_F(OutputFormatTest, ReadsWriteTheCallerRecordOnlyOnSuccess) {
         for (const Row& row : tableRows("format-reads.tsv")) {
             SCOPED_TRACE(::testing::Message() << kReads[which].method << ", " << row[0]);
             const std::vector<int32_t> b = nums(row[3]);
-            const OutputFormat record =
-                    b.empty() ? OutputFormat{}
-                              : makeFormat(b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7]);
+            const OutputFormat record = b.empty() ? OutputFormat{} : formatOf(b);
             const bool callsBack = row[1] == "yes", transportFails = row[4] == "yes";
             const int status = num(row[2]), result = num(row[5]);
             LogCapture::clear();
@@ -182,11 +185,6 @@ constexpr int kDvFlags = 0x100;
 constexpr const char* kHdr4kProperty = "persist.vendor.mirova.hdmi.4k.hdr";
 constexpr const char* kHdr8bitProperty = "persist.vendor.mirova.hdmi.8bit.hdr";
 
-// The Dolby Vision format for a timing: mode and timing kept, the rest fixed.
-OutputFormat dvFormat(uint8_t mode, uint8_t vic, uint8_t vicParam) {
-    return makeFormat(mode, vic, vicParam, 0, 8, 0, 1, 0);
-}
-
 // A system property's value, or "<unset>".
 std::string systemProperty(const char* key) {
     char value[PROPERTY_VALUE_MAX];
@@ -200,47 +198,33 @@ class DolbyVisionTest : public InstanceTest {
         InstanceTest::SetUp();
         ON_CALL(*fake, envSupportsDv()).WillByDefault(answers(1));
     }
-
-    // One switch from `current`: expects `sent` with the Dolby Vision flags.
-    void expectSwitch(const OutputFormat& current, const OutputFormat& sent) {
-        EXPECT_CALL(*fake, getCurrentOutputFormat(_)).WillOnce(AnswerRecord(1, current));
-        // The service's answer does not reach the caller.
-        EXPECT_CALL(*fake, setOutputFormat(sent, kDvFlags)).WillOnce(Return(-22));
-        EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
-        ::testing::Mock::VerifyAndClearExpectations(fake.get());
-    }
 };
 
-TEST_F(DolbyVisionTest, TimingsTheModeCannotCarryAreSubstituted) {
-    uint8_t mode = 0x80;
-    for (const Row& row : tableRows("dolby-vision-timings.tsv")) {
-        const auto from = static_cast<uint8_t>(num(row[0])), to = static_cast<uint8_t>(num(row[1]));
-        SCOPED_TRACE(::testing::Message() << "vic " << int{from});
-        // vic_param is cleared only when the timing changes.
-        expectSwitch(makeFormat(mode, from, 3, 255, 255, 7, 2, 4),
-                     dvFormat(mode, to, from == to ? 3 : 0));
-        ++mode;
+TEST_F(DolbyVisionTest, SendsTheModesFormatOnlyWhenSomeByteDiffers) {
+    for (const Row& row : tableRows("dolby-vision-switches.tsv")) {
+        SCOPED_TRACE(row[3]);
+        const int status = num(row[0]);
+        const std::vector<int32_t> sent = nums(row[2]);
+        const bool sends = sent.size() == 8;
+        LogCapture::clear();
+        if (status < 0) {
+            EXPECT_CALL(*fake, getCurrentOutputFormat(_)).WillOnce(FailTransport());
+        } else {
+            EXPECT_CALL(*fake, getCurrentOutputFormat(_))
+                    .WillOnce(AnswerRecord(status, formatOf(nums(row[1]))));
+        }
+        if (sends) {  // the service's answer does not reach the caller
+            EXPECT_CALL(*fake, setOutputFormat(formatOf(sent), kDvFlags)).WillOnce(answers(-22));
+        } else {
+            EXPECT_CALL(*fake, setOutputFormat(_, _)).Times(0);
+        }
+        EXPECT_EQ(hdmi_setDVHDRModeForContent(), sends ? 0 : sent.at(0));
+        EXPECT_EQ(LogCapture::countExact("[setDVHDRModeForContent] same format , do nothing",
+                                         ANDROID_LOG_WARN, kVistrelTag),
+                  sends ? 0 : 1);
+        EXPECT_EQ(problemLines(), (sends ? 0 : 1) + (status < 0 ? 1 : 0));
+        ::testing::Mock::VerifyAndClearExpectations(fake.get());
     }
-}
-
-TEST_F(DolbyVisionTest, SendsOnlyWhenSomeByteDiffers) {
-    // Each of these differs from the Dolby Vision format in one field only.
-    for (const OutputFormat& current :
-         {makeFormat(0x80, 16, 1, 1, 8, 0, 1, 0), makeFormat(0x80, 16, 1, 0, 10, 0, 1, 0),
-          makeFormat(0x80, 16, 1, 0, 8, 1, 1, 0), makeFormat(0x80, 16, 1, 0, 8, 0, 2, 0),
-          makeFormat(0x80, 16, 1, 0, 8, 0, 1, 3)}) {
-        expectSwitch(current, dvFormat(0x80, 16, 1));
-    }
-    EXPECT_CALL(*fake, setOutputFormat(_, _)).Times(0);
-    for (const OutputFormat& current :
-         {dvFormat(0x80, 16, 1), dvFormat(0, 0, 0), dvFormat(0x41, 97, 255)}) {
-        EXPECT_CALL(*fake, getCurrentOutputFormat(_)).WillOnce(AnswerRecord(1, current));
-        EXPECT_EQ(hdmi_setDVHDRModeForContent(), kAlreadyExists);
-    }
-    EXPECT_EQ(LogCapture::countExact("[setDVHDRModeForContent] same format , do nothing",
-                                     ANDROID_LOG_WARN, kVistrelTag),
-              3);
-    EXPECT_EQ(problemLines(), 3);
 }
 
 TEST_F(DolbyVisionTest, CapabilityAnswerGatesTheSwitch) {
@@ -257,16 +241,9 @@ TEST_F(DolbyVisionTest, CapabilityAnswerGatesTheSwitch) {
     ::testing::Mock::VerifyAndClearExpectations(fake.get());
     // Any nonzero answer is enough.
     EXPECT_CALL(*fake, envSupportsDv()).WillOnce(Return(-1));
-    expectSwitch(makeFormat(0x80, 5, 0, 1, 10, 0, 0, 0), dvFormat(0x80, 16, 0));
-}
-
-TEST_F(DolbyVisionTest, FailedFormatReadSendsZeroBasedFormat) {
-    // A refusal's record is not used.
     EXPECT_CALL(*fake, getCurrentOutputFormat(_))
-            .WillOnce(AnswerRecord(0, makeFormat(0x80, 98, 1, 255, 255, 0, 2, 0)))
-            .WillOnce(FailTransport());
-    EXPECT_CALL(*fake, setOutputFormat(dvFormat(0, 0, 0), kDvFlags)).Times(2);
-    EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
+            .WillOnce(AnswerRecord(1, makeFormat(0x80, 5, 0, 1, 10, 0, 0, 0)));
+    EXPECT_CALL(*fake, setOutputFormat(makeFormat(0x80, 16, 0, 0, 8, 0, 1, 0), kDvFlags));
     EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
 }
 
