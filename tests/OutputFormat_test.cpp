@@ -29,11 +29,9 @@
 
 #include "support/LibraryTest.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
 
-using ::testing::_;
 using ::testing::InSequence;
 using ::testing::Invoke;
 using ::testing::Return;
@@ -50,12 +48,14 @@ const ReadOperation kReads[] = {{"getCurrentOutputFormat", hdmi_getCurrentOutput
 
 // A format of eight numbers, as the tables write them.
 OutputFormat formatOf(const std::vector<int32_t>& b) {
-    return makeFormat(b.at(0), b.at(1), b.at(2), b.at(3), b.at(4), b.at(5), b.at(6), b.at(7));
+    uint8_t u[8];
+    for (size_t i = 0; i < 8; ++i) u[i] = static_cast<uint8_t>(b.at(i));
+    return OutputFormat{u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7]};
 }
 
 // The composer's format for a timing, with the HDR mode it chose.
 OutputFormat composed(uint8_t vic, uint8_t vicParam, uint8_t hdr) {
-    return makeFormat(0x80, vic, vicParam, 255, 255, 0, hdr, 0);
+    return OutputFormat{0x80, vic, vicParam, 255, 255, 0, hdr, 0};
 }
 
 class OutputFormatTest : public InstanceTest {
@@ -134,14 +134,14 @@ TEST_F(OutputFormatTest, ComposerSwitchOffIsReadOnceAndSendsHdrModeTwo) {
     ASSERT_NE(createLib(), nullptr);
     expectSwitchReads(Return(1));
     EXPECT_CALL(*fake, getCurrentOutputFormat(_))
-            .WillOnce(AnswerRecord(1, makeFormat(0x80, 16, 0, 1, 8, 0, 3, 0)));
+            .WillOnce(AnswerRecord(1, OutputFormat{0x80, 16, 0, 1, 8, 0, 3, 0}));
     EXPECT_CALL(*fake, setOutputFormat(composed(16, 0, 3), kHwcFlags));
     EXPECT_EQ(hdmi_hwcSetOutputFormat(VIC_1920_1080P_60HZ, 0), 0);
 }
 
 TEST_F(OutputFormatTest, ComposerAsksAnUnsetOrFailedSwitchAgain) {
     expectSwitchReads(Return(-1), Return(-1), FailTransport(), Return(1));
-    const OutputFormat current = makeFormat(0x40, 98, 3, 1, 10, 4, 1, 3);
+    const OutputFormat current = OutputFormat{0x40, 98, 3, 1, 10, 4, 1, 3};
     InSequence order;
     EXPECT_CALL(*fake, setOutputFormat(composed(16, 0, 2), kHwcFlags)).Times(3);
     for (int i = 0; i < 2; ++i) {
@@ -157,8 +157,8 @@ TEST_F(OutputFormatTest, ComposerSwitchOnTakesOnlyHdrFromTheCurrentFormat) {
     expectSwitchReads(Return(2));
     // After a failed read (a refusal's record is not used) the HDR mode is 0.
     EXPECT_CALL(*fake, getCurrentOutputFormat(_))
-            .WillOnce(AnswerRecord(1, makeFormat(0x40, 97, 3, 1, 10, 4, 1, 3)))
-            .WillOnce(AnswerRecord(0, makeFormat(0x80, 16, 0, 1, 8, 0, 1, 0)))
+            .WillOnce(AnswerRecord(1, OutputFormat{0x40, 97, 3, 1, 10, 4, 1, 3}))
+            .WillOnce(AnswerRecord(0, OutputFormat{0x80, 16, 0, 1, 8, 0, 1, 0}))
             .WillOnce(FailTransport());
     EXPECT_CALL(*fake, setOutputFormat(composed(31, 2, 1), kHwcFlags));
     EXPECT_CALL(*fake, setOutputFormat(composed(31, 2, 0), kHwcFlags)).Times(2);
@@ -166,17 +166,17 @@ TEST_F(OutputFormatTest, ComposerSwitchOnTakesOnlyHdrFromTheCurrentFormat) {
 }
 
 TEST_F(OutputFormatTest, ComposerContentTypeChangesOnlyThatField) {
-    const OutputFormat sent = makeFormat(0x80, 16, 0, 1, 8, 0, 0, 3);
+    const OutputFormat sent = OutputFormat{0x80, 16, 0, 1, 8, 0, 0, 3};
     // Sent again although the service already shows the type; after a failed
     // read (a refusal's record is not used) only the type is set.
     EXPECT_CALL(*fake, getCurrentOutputFormat(_))
-            .WillOnce(AnswerRecord(1, makeFormat(0x80, 16, 0, 1, 8, 0, 0, 0)))
+            .WillOnce(AnswerRecord(1, OutputFormat{0x80, 16, 0, 1, 8, 0, 0, 0}))
             .WillOnce(AnswerRecord(1, sent))
             .WillOnce(AnswerRecord(0, sent))
             .WillOnce(FailTransport());
     InSequence order;
     EXPECT_CALL(*fake, setOutputFormat(sent, kHwcFlags)).Times(2).WillRepeatedly(answers(-22));
-    EXPECT_CALL(*fake, setOutputFormat(makeFormat(0, 0, 0, 0, 0, 0, 0, 3), kHwcFlags)).Times(2);
+    EXPECT_CALL(*fake, setOutputFormat(OutputFormat{0, 0, 0, 0, 0, 0, 0, 3}, kHwcFlags)).Times(2);
     // 0x103 is sent as its low byte.
     for (int i = 0; i < 4; ++i) EXPECT_EQ(hdmi_hwcSetContentType(HDMI_CONTENT_TYPE(0x103)), 0);
 }
@@ -242,8 +242,8 @@ TEST_F(DolbyVisionTest, CapabilityAnswerGatesTheSwitch) {
     // Any nonzero answer is enough.
     EXPECT_CALL(*fake, envSupportsDv()).WillOnce(Return(-1));
     EXPECT_CALL(*fake, getCurrentOutputFormat(_))
-            .WillOnce(AnswerRecord(1, makeFormat(0x80, 5, 0, 1, 10, 0, 0, 0)));
-    EXPECT_CALL(*fake, setOutputFormat(makeFormat(0x80, 16, 0, 0, 8, 0, 1, 0), kDvFlags));
+            .WillOnce(AnswerRecord(1, OutputFormat{0x80, 5, 0, 1, 10, 0, 0, 0}));
+    EXPECT_CALL(*fake, setOutputFormat(OutputFormat{0x80, 16, 0, 0, 8, 0, 1, 0}, kDvFlags));
     EXPECT_EQ(hdmi_setDVHDRModeForContent(), 0);
 }
 
@@ -287,5 +287,4 @@ TEST_F(Hdr4kSyncTest, WritesOnlyWhenPropertyAndServiceDiffer) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

@@ -36,8 +36,7 @@
 #include "support/FakeHdmiUtil.h"
 #include "support/LibraryTest.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
 
 using ::android::DEAD_OBJECT;
@@ -45,7 +44,6 @@ using ::android::OK;
 using ::android::wp;
 using ::android::hardware::hidl_death_recipient;
 using ::android::hidl::base::V1_0::IBase;
-using ::testing::_;
 namespace host = ::android::hardware::host;
 
 constexpr const char* kNotChecked = "Failed HIDL return status not checked";
@@ -354,5 +352,4 @@ TEST_F(PropertyStoreTest, ConcurrentWritersAndReadersNeverSeeTornValues) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

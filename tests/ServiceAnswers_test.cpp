@@ -27,11 +27,8 @@
 
 #include "support/LibraryTest.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
-
-using ::testing::_;
 
 // What the service answers, in whichever result form the method has.
 struct Answer {
@@ -59,7 +56,7 @@ struct Operation {
     int failed;  // what the caller gets after a transport failure
 };
 
-const OutputFormat kSent = makeFormat(0x80, 16, 0, 255, 255, 0, 2, 0);
+const OutputFormat kSent = OutputFormat{0x80, 16, 0, 255, 255, 0, 2, 0};
 const _HDMI_OUTPUT_FORMAT kFormat = callerFormat(kSent);
 
 #define EXPECTING(expectation) \
@@ -161,5 +158,4 @@ TEST_F(ServiceAnswersTest, ArgumentsAnswersAndTransportFailures) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

@@ -36,8 +36,7 @@
 #include "support/EventRecorder.h"
 #include "support/LibraryTest.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
 
 using ::android::hardware::host::clearServices;
@@ -64,12 +63,6 @@ std::string arrivalLine(const VistrelCallback* callback, const VistrelCallback2*
     snprintf(line, sizeof(line), "[HDMIEVNT][handleEvent] callback %p callback2 %p event %d",
              callback, callback2, event);
     return line;
-}
-
-// Polls `done` for up to 5 s; its last answer.
-bool eventually(const std::function<bool()>& done) {
-    for (int i = 0; i < 2500 && !done(); ++i) std::this_thread::sleep_for(2ms);
-    return done();
 }
 
 class ServiceLinkTest : public LibraryTest {
@@ -104,7 +97,7 @@ class ServiceLinkTest : public LibraryTest {
     std::atomic<bool> released{false};
     EventRecorder recorder;
     RecordingCallback callback{&recorder, 1};
-    RecordingCallback2 callback2{&recorder, 2};
+    RecordingCallback callback2{&recorder, 2};
 };
 
 // Construction looks for no service while the start-up property says the
@@ -346,5 +339,4 @@ TEST(FrameCheckDeathTest, CallsWithoutAnInstanceAbort) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

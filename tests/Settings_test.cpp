@@ -28,17 +28,15 @@
 
 #include "support/LibraryTest.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
 
-using ::testing::_;
 using ::testing::Return;
 
 constexpr int kSameSource = 1030;
 constexpr int kDualDisplay = 2054;
 
-const OutputFormat kCurrent = makeFormat(3, 97, 1, 2, 10, 4, 5, 6);
+const OutputFormat kCurrent = OutputFormat{3, 97, 1, 2, 10, 4, 5, 6};
 
 class SettingsTest : public InstanceTest {
   protected:
@@ -151,10 +149,10 @@ TEST_F(SettingsTest, VrrTableOnlyWhenTheSinkRangeReachesThresholds) {
 TEST_F(SettingsTest, HdmiIsOnFollowsTheCurrentMode) {
     // Only the mode decides; a failed read, even one carrying a mode, is "off".
     EXPECT_CALL(*fake, getCurrentOutputFormat(_))
-            .WillOnce(AnswerRecord(1, makeFormat(0, 16, 1, 2, 3, 4, 5, 6)))
-            .WillOnce(AnswerRecord(1, makeFormat(1, 0, 0, 0, 0, 0, 0, 0)))
-            .WillOnce(AnswerRecord(1, makeFormat(0x80, 16, 1, 2, 3, 4, 5, 6)))
-            .WillOnce(AnswerRecord(0, makeFormat(1, 16, 0, 0, 0, 0, 0, 0)))
+            .WillOnce(AnswerRecord(1, OutputFormat{0, 16, 1, 2, 3, 4, 5, 6}))
+            .WillOnce(AnswerRecord(1, OutputFormat{1, 0, 0, 0, 0, 0, 0, 0}))
+            .WillOnce(AnswerRecord(1, OutputFormat{0x80, 16, 1, 2, 3, 4, 5, 6}))
+            .WillOnce(AnswerRecord(0, OutputFormat{1, 16, 0, 0, 0, 0, 0, 0}))
             .WillOnce(FailTransport());
     for (int on : {0, 1, 1, 0, 0}) EXPECT_EQ(hdmi_hdmiIsOn(), on);
 }
@@ -180,5 +178,4 @@ TEST_F(SettingsTest, DiagnosticsLendTheCallersDescriptor) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

@@ -26,11 +26,9 @@
 
 #include "support/LibraryTest.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
 
-using ::testing::_;
 using ::testing::InSequence;
 using ::testing::Invoke;
 using ::testing::Return;
@@ -351,5 +349,4 @@ TEST_F(SinkCapabilityTest, NullOutPointersAreFatal) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

@@ -24,13 +24,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <hidl/HostServiceRegistry.h>
+#include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cctype>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -43,8 +43,7 @@
 #include "support/EventRecorder.h"
 #include "support/LibraryTest.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
 
 using ::testing::AnyOf;
@@ -82,29 +81,20 @@ void expectBatches(const std::vector<Delivery>& got, int batches, int sent,
     }
 }
 
-// Runs `scenario` on a thread of its own and ends the process with a message
-// when it has not returned within `limit`: a hung thread can be neither joined
-// nor left behind, so a hang fails the test here instead of at ctest's timeout.
-void runWithWatchdog(std::chrono::seconds limit, const std::function<void()>& scenario) {
-    std::mutex lock;
-    std::condition_variable changed;
-    bool done = false;
-    std::thread runner([&] {
-        scenario();
-        std::lock_guard<std::mutex> guard(lock);
-        done = true;
-        changed.notify_all();
-    });
-    std::unique_lock<std::mutex> guard(lock);
-    if (!changed.wait_for(guard, limit, [&] { return done; })) {
-        fprintf(stderr, "HANG: the scenario did not finish within %llds\n",
-                static_cast<long long>(limit.count()));
-        fflush(stderr);
-        _exit(3);
-    }
-    guard.unlock();
-    runner.join();
+// While one lives, a hang ends the process with a message instead of running into ctest's
+// timeout: a hung thread can be neither joined nor left behind.
+void onHang(int) {
+    static const char kText[] = "HANG: the scenario did not finish in time\n";
+    if (write(STDERR_FILENO, kText, sizeof(kText) - 1) < 0) _exit(4);
+    _exit(3);
 }
+struct Watchdog {
+    explicit Watchdog(unsigned seconds) {
+        signal(SIGALRM, onHang);
+        alarm(seconds);
+    }
+    ~Watchdog() { alarm(0); }
+};
 
 class StressTest : public LibraryTest {
   protected:
@@ -113,14 +103,6 @@ class StressTest : public LibraryTest {
         __android_log_set_minimum_priority(ANDROID_LOG_WARN);  // no debug line per event
     }
     ~StressTest() override { close(mFd); }
-
-    // Waits until the current service holds this process's registration.
-    bool awaitRegistration() {
-        for (int i = 0; i < 10000 && fake->callbackFor(getpid()) == nullptr; ++i) {
-            std::this_thread::sleep_for(1ms);
-        }
-        return fake->callbackFor(getpid()) != nullptr;
-    }
 
     // One operation of a caller thread, chosen by `n`; every result must be
     // one the operation can give while the service lives, dies or is away.
@@ -162,7 +144,7 @@ TEST_F(StressTest, CallersEventsAndServiceRestartsTogether) {
     auto whole = [&](int gen) { return gen % 2 == 0 || gen + 1 == kGenerations; };
     EventRecorder recorder;
     RecordingCallback callback(&recorder, 1);
-    RecordingCallback2 callback2(&recorder, 2);
+    RecordingCallback callback2(&recorder, 2);
     Vistrel* lib = nullptr;
     int reentries = 0;  // only the worker thread counts
     // Gone first on every exit path: no delivery may outlive what it uses.
@@ -205,7 +187,7 @@ TEST_F(StressTest, CallersEventsAndServiceRestartsTogether) {
     }
     for (int gen = 0; gen < kGenerations; ++gen) {
         // Events resume after every restart without a new hdmi_setCallback.
-        if (!awaitRegistration()) {
+        if (!eventually([&] { return fake->callbackFor(getpid()) != nullptr; })) {
             ADD_FAILURE() << "no registration with service " << gen;
             break;
         }
@@ -260,7 +242,7 @@ class ReentryDuringReleaseTest : public StressTest,
 TEST_P(ReentryDuringReleaseTest, IsAnsweredAndTheReleaseReturns) {
     __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
     EventRecorder recorder;
-    RecordingCallback2 callback2(&recorder, 2);
+    RecordingCallback callback2(&recorder, 2);
     std::atomic<bool> entered{false}, returned{false};
     long long answer = -1000;
     Vistrel* lib = nullptr;
@@ -281,11 +263,11 @@ TEST_P(ReentryDuringReleaseTest, IsAnsweredAndTheReleaseReturns) {
     fake->emitEvent(2, 0, 0, 0, 0);  // still queued at the release: dropped
     fake->flushEvents();
     for (int i = 0; i < 5000 && !entered; ++i) std::this_thread::sleep_for(1ms);
-    runWithWatchdog(30s, [&] {
-        std::thread releasing([] { hdmi_releaseLib(); });
-        releasing.join();
+    {
+        Watchdog watchdog(30);
+        hdmi_releaseLib();
         EXPECT_TRUE(returned);  // the release waited for the callback
-    });
+    }
     EXPECT_EQ(answer, GetParam().answer);
     EXPECT_EQ(recorder.deliveries().size(), 1u);
     EXPECT_EQ(hdmi_getCurrentLibInstance(), nullptr);
@@ -321,7 +303,7 @@ TEST_F(StressTest, ReleasesRaceReentrantCallbacksAndServiceDeaths) {
     std::atomic<bool> stop{false};
 
     EventRecorder recorder;
-    RecordingCallback2 callback2(&recorder, 2);
+    RecordingCallback callback2(&recorder, 2);
     callback2.hook = [&](const Delivery& d) {
         ++active;
         ++callbacks;
@@ -346,7 +328,8 @@ TEST_F(StressTest, ReleasesRaceReentrantCallbacksAndServiceDeaths) {
         --active;
     };
 
-    runWithWatchdog(100s, [&] {
+    {
+        Watchdog watchdog(100);
         std::vector<std::thread> threads;
         for (unsigned t = 0; t < 2; ++t) {
             threads.emplace_back([&, t] {  // releases and re-creations
@@ -392,7 +375,7 @@ TEST_F(StressTest, ReleasesRaceReentrantCallbacksAndServiceDeaths) {
         }
         hdmi_releaseLib();
         EXPECT_EQ(active, 0);
-    });
+    }
     fake->flushEvents();
     printf("%u framed calls from outside, %d callbacks, %d releases from outside and %d from "
            "callbacks, %d service restarts, %d calls not served during a release\n",
@@ -404,5 +387,4 @@ TEST_F(StressTest, ReleasesRaceReentrantCallbacksAndServiceDeaths) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

@@ -30,11 +30,8 @@
 
 #include "support/LibraryTest.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
-
-using ::testing::_;
 
 HDRInstance_t entry(int a, int b, int c, int d, int hdr, int plane) {
     return HDRInstance_t{{a, b, c, d}, hdr, plane};
@@ -211,5 +208,4 @@ TEST_F(TopologyTest, SlowServiceDoesNotReorderReports) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

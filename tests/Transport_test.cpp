@@ -27,12 +27,10 @@
 
 #include "support/FakeHdmiUtil.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 namespace {
 
 using ::android::hardware::host::Connection;
-using ::testing::_;
 using ::testing::Return;
 
 constexpr pid_t kPeerPid = 4242;  // what the kernel said of the client
@@ -132,5 +130,4 @@ TEST_F(TransportTest, AClientThatStopsReadingIsDroppedNotWaitedFor) {
 }
 
 }  // namespace
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

@@ -29,8 +29,7 @@
 #include <thread>
 #include <vector>
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 
 // One call of a caller callback; param3 and param4 are 0 for a VistrelCallback.
 struct Delivery {
@@ -91,7 +90,5 @@ class RecordingCallback : public VistrelCallback, public VistrelCallback2 {
     EventRecorder* const mRecorder;
     const int mId;
 };
-using RecordingCallback2 = RecordingCallback;
 
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

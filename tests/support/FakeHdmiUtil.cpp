@@ -20,10 +20,8 @@
 
 #include <mutex>
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 
-using ::testing::_;
 using ::testing::Invoke;
 
 FakeHdmiUtil::FakeHdmiUtil() {
@@ -85,10 +83,6 @@ void FakeHdmiUtil::dropRegistrations() {
     mEvents->dropClients();
 }
 
-Status transportFailure() {
-    return Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED);
-}
-
 void Gate::open() {
     std::lock_guard<std::mutex> guard(mLock);
     mOpen = true;
@@ -108,10 +102,4 @@ void Gate::awaitWaiters(int n) {
     mChanged.wait(guard, [this, n] { return mWaiters >= n; });
 }
 
-OutputFormat makeFormat(uint8_t mode, uint8_t vic, uint8_t vicParam, uint8_t color, uint8_t depth,
-                        uint8_t option, uint8_t hdr, uint8_t contentType) {
-    return OutputFormat{mode, vic, vicParam, color, depth, option, hdr, contentType};
-}
-
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

@@ -45,8 +45,7 @@
 #include "EventDispatcher.h"
 #include "MockMethods.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 
 using ::android::sp;
 using ::android::hardware::hidl_array;
@@ -56,6 +55,7 @@ using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Status;
 using ::android::hardware::Void;
+using ::testing::_;
 // The service records (OutputFormat, TVCapInfo, ...).
 using namespace ::vendor::mirova::hdmiutil::common::V1_0;  // NOLINT(build/namespaces)
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
@@ -97,9 +97,10 @@ class FakeHdmiUtil : public ::testing::NiceMock<MockHdmiUtil> {
 
 // --- Actions ----------------------------------------------------------------
 
-Status transportFailure();
-
 // A transport failure in any result form.
+inline Status transportFailure() {
+    return Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED);
+}
 struct FailTransportAction {
     template <typename Result, typename ArgumentTuple>
     Result Perform(const ArgumentTuple& /*args*/) const {
@@ -144,10 +145,4 @@ class Gate {
     int mWaiters = 0;
 };
 
-// --- Records ----------------------------------------------------------------
-
-OutputFormat makeFormat(uint8_t mode, uint8_t vic, uint8_t vicParam, uint8_t color, uint8_t depth,
-                        uint8_t option, uint8_t hdr, uint8_t contentType);
-
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

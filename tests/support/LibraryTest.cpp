@@ -23,8 +23,7 @@
 #include <fstream>
 #include <sstream>
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 
 std::vector<Row> tableRows(const std::string& name, size_t columns) {
     std::ifstream in(std::string(VISTREL_TEST_DATA_DIR) + "/" + name);
@@ -87,5 +86,4 @@ sp<FakeHdmiUtil> LibraryTest::replaceService() {
     return old;
 }
 
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

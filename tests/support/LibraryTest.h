@@ -28,14 +28,17 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <algorithm>
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FakeHdmiUtil.h"
 #include "LogCapture.h"
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 
 constexpr const char* kServiceStartProperty = "vendor.mirova.hdmi.service.start";
 constexpr const char* kVistrelTag = "HDMI-HIDL-Vistrel";
@@ -63,6 +66,14 @@ inline int num(const std::string& field) {
 }
 std::vector<int32_t> nums(const std::string& field);
 
+// Polls `done` for up to 10 s; its last answer.
+inline bool eventually(const std::function<bool()>& done) {
+    for (int i = 0; i < 5000 && !done(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return done();
+}
+
 // Resets the process-wide state the library and the stand-ins keep.
 void resetPlatform();
 
@@ -79,19 +90,16 @@ inline _HDMI_OUTPUT_FORMAT callerFormat(const OutputFormat& f) {
 }
 
 inline bool allBytes(const void* p, size_t n, uint8_t byte) {
-    for (size_t i = 0; i < n; ++i) {
-        if (static_cast<const uint8_t*>(p)[i] != byte) return false;
-    }
-    return true;
+    const auto* bytes = static_cast<const uint8_t*>(p);
+    return std::all_of(bytes, bytes + n, [byte](uint8_t b) { return b == byte; });
 }
 
 // Library lines at `priority` since the log was last cleared.
 inline int linesAt(int priority) {
-    int count = 0;
-    for (const LogLine& line : LogCapture::lines()) {
-        if (line.tag == kVistrelTag && line.priority == priority) ++count;
-    }
-    return count;
+    const std::vector<LogLine> lines = LogCapture::lines();
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), [priority](const LogLine& l) {
+        return l.tag == kVistrelTag && l.priority == priority;
+    }));
 }
 
 // Library lines at warning level or above since the log was last cleared.
@@ -126,5 +134,4 @@ class InstanceTest : public LibraryTest {
     }
 };
 
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

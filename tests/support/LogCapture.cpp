@@ -22,8 +22,7 @@
 #include <algorithm>
 #include <mutex>
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 
 namespace {
 
@@ -83,5 +82,4 @@ int LogCapture::countContaining(const std::string& text, int priority) {
     }));
 }
 
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test

@@ -24,8 +24,7 @@
 #include <string>
 #include <vector>
 
-namespace mirova {
-namespace test {
+namespace mirova::test {
 
 struct LogLine {
     int priority;  // android_LogPriority
@@ -47,5 +46,4 @@ class LogCapture {
     static int countContaining(const std::string& text, int priority = -1);
 };
 
-}  // namespace test
-}  // namespace mirova
+}  // namespace mirova::test
