@@ -162,10 +162,12 @@ int followEvents(size_t count) {
     return written ? 0 : 1;
 }
 
-// The bare counterpart: `count` frames of an event's size on `fd`.
+// The bare counterpart: `count` frames of an event's size on `fd`, once it
+// has said it is ready (as the library's clients are once registered).
 int receiveBare(int fd, size_t count) {
     std::vector<int64_t> samples;
-    char buffer[kEventBytes];
+    char buffer[kEventBytes] = {};
+    if (send(fd, buffer, 1, MSG_NOSIGNAL) != 1) return 1;
     while (samples.size() < count && recv(fd, buffer, sizeof(buffer), 0) > 0) {
         int64_t sent;
         memcpy(&sent, buffer + kEventBytes - sizeof(sent), sizeof(sent));
@@ -299,6 +301,11 @@ FanOut crossProcessFanOut() {
         close(ends[1]);
         children.push_back({pid, out});
         sockets.push_back(ends[0]);
+    }
+    // Frames sent before a receiver runs would wait for its start-up.
+    for (int fd : sockets) {
+        char ready;
+        if (recv(fd, &ready, 1, 0) != 1) abort();
     }
     clock_gettime(CLOCK_MONOTONIC, &next);
     char frame[kEventBytes] = {};

@@ -279,6 +279,7 @@ struct Connection::Impl {
 
     std::mutex objectsLock;
     std::map<uint32_t, Exported> exported;
+    std::atomic<bool> exporting{false};  // some object was exported: calls may come in
     std::map<uint32_t, wp<IBase>> proxies;
     uint32_t nextObject = 1;
 
@@ -378,10 +379,10 @@ static bool handleIncoming(Connection* self, Connection::Impl* c, Frame& frame) 
 
 namespace {
 
-// Waits until `fd` has something to read (or has ended), or `wakeFd` is
-// signalled (which is then reset).
-void waitReadable(int fd, int wakeFd = -1) {
-    pollfd p[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+// Waits until `fd` has something to read (or only, with `events` 0, until it
+// has ended), or `wakeFd` is signalled (which is then reset).
+void waitReadable(int fd, int wakeFd = -1, short events = POLLIN) {
+    pollfd p[2] = {{fd, events, 0}, {wakeFd, POLLIN, 0}};
     while (poll(p, wakeFd >= 0 ? 2 : 1, -1) < 0 && errno == EINTR) {
     }
     uint64_t count;
@@ -404,7 +405,10 @@ void Connection::start() {
             } else {
                 // A client's reader leaves the socket to a caller awaiting its
                 // reply, and first hands on what that caller met.
-                waitReadable(c->fd, c->wakeFd);
+                // Until this side exports an object nothing but replies can
+                // arrive, and callers read those: the reader only watches for
+                // the end, and is not woken by every reply.
+                waitReadable(c->fd, c->wakeFd, c->exporting ? POLLIN : 0);
                 std::unique_lock<std::mutex> guard(c->readLock);
                 c->callEnded.wait(guard, [c] { return !c->callInProgress; });
                 if (!c->deferred.empty()) {
@@ -558,6 +562,10 @@ uint32_t Connection::exportObject(const sp<IBase>& object, const char* descripto
     }
     const uint32_t number = c->nextObject++;
     c->exported[number] = {object, descriptor};
+    const uint64_t one = 1;
+    if (!c->exporting.exchange(true) && c->wakeFd >= 0 && write(c->wakeFd, &one, sizeof(one)) < 0) {
+        ALOGW("reader not woken");
+    }
     return number;
 }
 
