@@ -109,6 +109,10 @@ TEST_F(TransportTest, EveryResultFormAndRecordCrossesWhole) {
     for (size_t i = 0; i < 256; ++i) edid[i] = static_cast<uint8_t>(255 - i);
     EXPECT_CALL(*fake, setFakeEDID(edid)).WillOnce(Return(Void()));
     EXPECT_TRUE(proxy->setFakeEDID(edid).isOk());
+    // A client that exports nothing still sees the service's end without a call.
+    serving->close();
+    for (int i = 0; i < 400 && client->isAlive(); ++i) usleep(5000);
+    EXPECT_FALSE(client->isAlive());
 }
 
 // A client that stops reading is hung up on once the backlog is full; the
