@@ -289,7 +289,7 @@ struct Connection::Impl {
     std::condition_variable queueChanged;
     std::deque<Frame> outgoing;  // one-way frames waiting for the socket
     bool writing = false;        // the writer is sending the frame it took
-    int wakeFd = -1;             // a client's reader is woken here for what a caller met
+    int wakeFd = -1;             // wakes a client's reader: frames a caller met, a first export
 };
 
 Connection::Connection(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
@@ -389,6 +389,12 @@ void waitReadable(int fd, int wakeFd = -1, short events = POLLIN) {
     if (wakeFd >= 0 && (p[1].revents & POLLIN) != 0 && read(wakeFd, &count, sizeof(count)) < 0) {
         ALOGV("wake-up already taken");
     }
+}
+
+// Has a client's reader look at the socket and its deferred frames again.
+void wakeReader(Connection::Impl* c) {
+    const uint64_t one = 1;
+    if (c->wakeFd >= 0 && write(c->wakeFd, &one, sizeof(one)) < 0) ALOGW("reader not woken");
 }
 
 }  // namespace
@@ -502,8 +508,7 @@ Status Connection::transact(uint32_t object, uint32_t code, const WireOut& args,
         met = !c->deferred.empty();
     }
     c->callEnded.notify_all();
-    const uint64_t one = 1;
-    if (met && write(c->wakeFd, &one, sizeof(one)) < 0) ALOGW("reader not woken");
+    if (met) wakeReader(c);
     if (answer == nullptr) {
         // A peer that hung up or sent garbage is done with: the reader thread
         // notices the end as well and tells the death recipients.
@@ -562,10 +567,7 @@ uint32_t Connection::exportObject(const sp<IBase>& object, const char* descripto
     }
     const uint32_t number = c->nextObject++;
     c->exported[number] = {object, descriptor};
-    const uint64_t one = 1;
-    if (!c->exporting.exchange(true) && c->wakeFd >= 0 && write(c->wakeFd, &one, sizeof(one)) < 0) {
-        ALOGW("reader not woken");
-    }
+    if (!c->exporting.exchange(true)) wakeReader(c);
     return number;
 }
 
