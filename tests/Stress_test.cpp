@@ -187,7 +187,7 @@ TEST_F(StressTest, CallersEventsAndServiceRestartsTogether) {
     }
     for (int gen = 0; gen < kGenerations; ++gen) {
         // Events resume after every restart without a new hdmi_setCallback.
-        if (!eventually([&] { return fake->callbackFor(getpid()) != nullptr; })) {
+        if (!eventually([&] { return fake->callbackFor(getpid()) != nullptr; }, 10s)) {
             ADD_FAILURE() << "no registration with service " << gen;
             break;
         }
@@ -249,9 +249,7 @@ TEST_P(ReentryDuringReleaseTest, IsAnsweredAndTheReleaseReturns) {
     callback2.hook = [&](const Delivery&) {
         // Waits until the release has begun, then calls in.
         entered = true;
-        for (int i = 0; i < 5000 && LogCapture::countExact("~Vistrel()") == 0; ++i) {
-            std::this_thread::sleep_for(1ms);
-        }
+        eventually([] { return LogCapture::countExact("~Vistrel()") > 0; });
         std::this_thread::sleep_for(20ms);
         answer = GetParam().call(lib);
         returned = true;
@@ -262,7 +260,7 @@ TEST_P(ReentryDuringReleaseTest, IsAnsweredAndTheReleaseReturns) {
     fake->emitEvent(1, 0, 0, 0, 0);
     fake->emitEvent(2, 0, 0, 0, 0);  // still queued at the release: dropped
     fake->flushEvents();
-    for (int i = 0; i < 5000 && !entered; ++i) std::this_thread::sleep_for(1ms);
+    eventually([&] { return entered.load(); });
     {
         Watchdog watchdog(30);
         hdmi_releaseLib();

@@ -32,6 +32,7 @@ namespace {
 
 using ::android::hardware::host::Connection;
 using ::testing::Return;
+using namespace std::chrono_literals;  // NOLINT(build/namespaces)
 
 constexpr pid_t kPeerPid = 4242;  // what the kernel said of the client
 
@@ -46,8 +47,7 @@ class TransportTest : public ::testing::Test {
 
     void TearDown() override {
         proxy.clear();  // the client hangs up
-        for (int i = 0; i < 400 && serving->isAlive(); ++i) usleep(5000);
-        ASSERT_FALSE(serving->isAlive());
+        ASSERT_TRUE(eventually([this] { return !serving->isAlive(); }, 2s));
     }
 
     int ends[2] = {-1, -1};
@@ -111,8 +111,7 @@ TEST_F(TransportTest, EveryResultFormAndRecordCrossesWhole) {
     EXPECT_TRUE(proxy->setFakeEDID(edid).isOk());
     // A client that exports nothing still sees the service's end without a call.
     serving->close();
-    for (int i = 0; i < 400 && client->isAlive(); ++i) usleep(5000);
-    EXPECT_FALSE(client->isAlive());
+    EXPECT_TRUE(eventually([this] { return !client->isAlive(); }, 2s));
 }
 
 // A client that stops reading is hung up on once the backlog is full; the
@@ -128,8 +127,7 @@ TEST_F(TransportTest, AClientThatStopsReadingIsDroppedNotWaitedFor) {
     while (accepted < 1000000 && events->handleEvent(1, 2, 3, 4, 5).isOk()) ++accepted;
     EXPECT_GT(accepted, static_cast<int>(::android::hardware::host::kMaxClientBacklog));
     EXPECT_LT(accepted, 1000000);
-    for (int i = 0; i < 200 && stalled->isAlive(); ++i) usleep(5000);
-    EXPECT_FALSE(stalled->isAlive());
+    EXPECT_TRUE(eventually([&] { return !stalled->isAlive(); }, 1s));
     close(ends2[1]);
 }
 

@@ -33,6 +33,7 @@
 #include <vendor/mirova/hdmiutil/common/1.0/types.h>
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -128,6 +129,16 @@ template <typename Record>
 ::testing::PolymorphicAction<AnswerRecordAction<Record>> AnswerRecord(int32_t status,
                                                                       Record record) {
     return ::testing::MakePolymorphicAction(AnswerRecordAction<Record>{status, record});
+}
+
+// Polls `done` every 2 ms for up to `limit`; its last answer.
+inline bool eventually(const std::function<bool()>& done,
+                       std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    for (auto waited = std::chrono::milliseconds(0); waited < limit && !done();
+         waited += std::chrono::milliseconds(2)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return done();
 }
 
 // A gate that calls wait on until a test opens it.

@@ -29,10 +29,7 @@
 #include <string.h>
 
 #include <algorithm>
-#include <chrono>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "FakeHdmiUtil.h"
@@ -65,14 +62,6 @@ inline int num(const std::string& field) {
     return static_cast<int>(std::stoll(field, nullptr, 0));
 }
 std::vector<int32_t> nums(const std::string& field);
-
-// Polls `done` for up to 10 s; its last answer.
-inline bool eventually(const std::function<bool()>& done) {
-    for (int i = 0; i < 5000 && !done(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return done();
-}
 
 // Resets the process-wide state the library and the stand-ins keep.
 void resetPlatform();
