@@ -111,7 +111,8 @@ class VistrelctlTest(unittest.TestCase):
                 with self.subTest(args=args, json=json_out):
                     self.assertEqual(run(json_out + args.split()),
                                      (int(code), "", "vistrelctl: " + message + "\n"))
-        self.assertEqual(run(["--help"]), (0, golden("help.txt", run(["--help"])[1]), ""))
+        code, out, err = run(["--help"])
+        self.assertEqual((code, out, err), (0, golden("help.txt", out), ""))
         # The built-in TV, an EDID named with --edid=, and the library's log on stderr only.
         caps = golden(UHD.replace(".bin", ".json"), None)["--json caps"]
         self.assertEqual(outcome(["--json", "caps"]), caps)
