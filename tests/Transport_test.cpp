@@ -75,10 +75,9 @@ class TransportTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        serving = Connection::forService(ends[0], fake, IHdmiUtil::descriptor,
-                                         ucred{kPeerPid, kPeerUid, 0}, [this](uint64_t number) {
-                                             endLog.add("ended " + std::to_string(number));
-                                         });
+        serving = Connection::forService(
+                ends[0], fake, IHdmiUtil::descriptor, ucred{kPeerPid, kPeerUid, 0},
+                [this](uint64_t number) { endLog.add("ended " + std::to_string(number)); });
         client = Connection::forClient(ends[1]);
         proxy = static_cast<IHdmiUtil*>(client->proxyFor(0, IHdmiUtil::descriptor).get());
     }
@@ -174,8 +173,8 @@ TEST_F(TransportTest, AServedCallKnowsItsConnectionAndItsEndIsTold) {
     ASSERT_TRUE(static_cast<bool>(callback->linkToDeath(recipient, 7)));
     client->close();
     ASSERT_TRUE(eventually([this] { return endLog.get().size() == 2; }, 2s));
-    EXPECT_EQ(endLog.get(), (std::vector<std::string>{
-                                   "died 7", "ended " + std::to_string(serving->number())}));
+    EXPECT_EQ(endLog.get(),
+              (std::vector<std::string>{"died 7", "ended " + std::to_string(serving->number())}));
 }
 
 // A client that stops reading is hung up on once the backlog is full; the

@@ -79,8 +79,8 @@ struct Connection::Impl {
     bool serving = false;
     sp<IBase> service;  // the serving side's object 0
     std::string serviceDescriptor;
-    CallContext peer;          // the peer's credentials and this connection's number
-    ConnectionEnded ended;     // the serving side's listener for this connection's end
+    CallContext peer;       // the peer's credentials and this connection's number
+    ConnectionEnded ended;  // the serving side's listener for this connection's end
     std::atomic<bool> alive{true};
     std::atomic<bool> closing{false};
     std::vector<char> buffer = std::vector<char>(sizeof(FrameHeader) + kMaxFrameBytes + 1);
