@@ -112,6 +112,8 @@ struct InterfaceCodec {
     MakeProxy makeProxy;
 };
 void registerCodec(const InterfaceCodec& codec);
+// The codec registered for `descriptor`, or null.
+const InterfaceCodec* codecFor(const std::string& descriptor);
 
 // --- Socket folder and service lookup ------------------------------------
 
