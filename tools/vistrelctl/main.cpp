@@ -140,10 +140,12 @@ int error(int code, const std::string& message) {
 #ifdef VISTRELCTL_EMULATED
 constexpr const char* kServiceStartProperty = "vendor.mirova.hdmi.service.start";
 
-// Whether a vistrel-hdmid serves the socket folder.
-bool daemonAnswers() {
+// Whether a vistrel-hdmid serves the socket folder; one that runs as another
+// user (not root) is refused, and *refusal says why.
+bool daemonAnswers(std::string* refusal) {
     using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
-    return ::android::hardware::host::connectService(IHdmiUtil::descriptor, "default") != nullptr;
+    return ::android::hardware::host::connectService(IHdmiUtil::descriptor, "default", refusal) !=
+           nullptr;
 }
 
 // tv plug | tv unplug | tv edid FILE: the running daemon's TV.
@@ -224,7 +226,9 @@ int run(int argc, char** argv) {
     // here as the real service starts.
     std::string why;
     ::android::sp<emulator::HdmiUtilEmulator> service;
-    const bool client = edidPath.empty() && daemonAnswers();
+    std::string refusal;
+    const bool client = edidPath.empty() && daemonAnswers(&refusal);
+    if (!refusal.empty()) return error(kExitFailure, refusal);
     if (client) {
         fprintf(stderr, "vistrelctl: using vistrel-hdmid on %s\n",
                 ::android::hardware::host::socketDir().c_str());
