@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""Sampled mutation run over the library: how many planted faults the suite catches.
+"""Sampled mutation run: how many planted faults the suite catches.
 
-Plants one textual change at a time in Vistrel/ and HDMIWrapper.cpp (a flipped
+Plants one textual change at a time in the given sources (by default the
+library: Vistrel/ and HDMIWrapper.cpp; --sources for others, such as the
+transport and the daemon: platform/hidl emulator/daemon) (a flipped
 comparison or logical operator, a boolean literal, an integer constant off by
 one, a return of the type's default value), rebuilds incrementally and runs
 the ctest suite, stopping at the first failure. A mutant is killed when the
@@ -14,6 +16,8 @@ the same mutants. A mutant names its line by content, not by number, so edits
 elsewhere in a file do not move it.
 
     tools/mutate.py --build build --sample tools/mutation-sample.tsv [--count 60]
+    tools/mutate.py --sources platform/hidl emulator/daemon \
+        --sample tools/mutation-sample-transport.tsv --count 40
 
 Not part of `make test`: a run takes minutes per mutant batch.
 """
@@ -46,9 +50,9 @@ OPERATORS = [
 SKIP_LINE = re.compile(r"^\s*(//|#|\*|/\*)|ALOG|LOG_ALWAYS_FATAL|static_assert")
 
 
-def library_files(root):
+def source_files(root, sources):
     files = []
-    for src in SOURCES:
+    for src in sources:
         path = os.path.join(root, src)
         if os.path.isfile(path):
             files.append(src)
@@ -65,10 +69,10 @@ def code_part(line):
     return line if cut < 0 else line[:cut]
 
 
-def candidates(root):
+def candidates(root, sources):
     """Every mutation site as (file, operator, line text, occurrence on that line)."""
     sites = []
-    for path in library_files(root):
+    for path in source_files(root, sources):
         with open(os.path.join(root, path)) as f:
             for text in f.read().splitlines():
                 if SKIP_LINE.search(text):
@@ -124,6 +128,8 @@ def write_sample(path, sample):
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--build", default="build", help="configured CMake build directory")
+    ap.add_argument("--sources", nargs="+", default=SOURCES, metavar="PATH",
+                    help="files and folders to draw a new sample from (default: the library)")
     ap.add_argument("--sample", default="tools/mutation-sample.tsv")
     ap.add_argument("--count", type=int, default=60, help="mutants to draw for a new sample")
     ap.add_argument("--seed", type=int, default=17)
@@ -137,7 +143,7 @@ def main():
     if os.path.exists(args.sample):
         sample = read_sample(args.sample)
     else:
-        sample = random.Random(args.seed).sample(candidates(root), args.count)
+        sample = random.Random(args.seed).sample(candidates(root, args.sources), args.count)
         write_sample(args.sample, sample)
 
     build = ["cmake", "--build", args.build, "-j" + args.jobs]
