@@ -306,13 +306,13 @@ int listenInFolder(const std::string& descriptor, const std::string& instance, s
 }  // namespace
 
 status_t serveService(const std::string& descriptor, const std::string& instance,
-                      std::string* error) {
+                      std::string* error, ConnectionEnded ended) {
     std::string ignored;
     if (error == nullptr) error = &ignored;
     status_t status = OK;
     const int listener = listenInFolder(descriptor, instance, &status, error);
     if (listener < 0) return status;
-    std::thread([descriptor, instance, listener] {
+    std::thread([descriptor, instance, listener, ended = std::move(ended)] {
         for (;;) {
             const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) {
@@ -331,7 +331,7 @@ status_t serveService(const std::string& descriptor, const std::string& instance
                 continue;
             }
             ALOGD("client pid %d connected", cred.pid);
-            Connection::forService(fd, service, descriptor.c_str(), cred.pid);
+            Connection::forService(fd, service, descriptor.c_str(), cred, ended);
         }
     }).detach();
     return OK;
