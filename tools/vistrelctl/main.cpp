@@ -39,7 +39,9 @@
 
 #include "ControlChannel.h"
 #include "DefaultEdid.h"
+#include "EdidFile.h"
 #include "HdmiUtilEmulator.h"
+#include "SinkProfile.h"
 #endif
 
 namespace mirova::vistrelctl {
@@ -153,14 +155,13 @@ int runTv(const std::vector<std::string>& args) {
     if (args.size() == 1 && (args[0] == "plug" || args[0] == "unplug")) {
         command = args[0];
     } else if (args.size() == 2 && args[0] == "edid") {
+        // Read once (a pipe gives its bytes once) and checked before the daemon sees them.
         std::string why;
-        if (emulator::HdmiUtilEmulator::fromFile(args[1], &why) == nullptr) {
-            return error(kExitFailure, why.rfind("malformed", 0) == 0 ? args[1] + ": " + why : why);
+        emulator::SinkProfile sink;
+        if (!emulator::readEdidFile(args[1], &edid, &why)) return error(kExitFailure, why);
+        if (!emulator::SinkProfile::build(edid, &sink, &why)) {
+            return error(kExitFailure, args[1] + ": " + why);
         }
-        FILE* file = fopen(args[1].c_str(), "rb");
-        int c;
-        while (file != nullptr && (c = fgetc(file)) != EOF) edid.push_back(static_cast<uint8_t>(c));
-        if (file != nullptr) fclose(file);
         command = "edid\n";
     } else {
         return error(kExitUsage, "tv: 'plug', 'unplug' or 'edid FILE' expected");
