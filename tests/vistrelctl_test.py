@@ -17,7 +17,8 @@
 line of vistrelctl/commands.tsv on each EDID of EDIDS, its exit code, stdout and
 stderr compared whole with the golden file vistrelctl/EDID.json; the help text
 with vistrelctl/help.txt; the failures of vistrelctl/usage-errors.tsv (EDID
-inputs among them: devices, folders, oversize files, pipes).
+inputs among them: devices, folders, oversize files, pipes); a standard output
+whose reader has gone.
 
 usage: vistrelctl_test.py PATH_TO_VISTRELCTL EDID_DIR [--update]
   --update  rewrite the golden files from what the tool prints now (read the diff
@@ -46,9 +47,9 @@ EDIDS = (UHD, "tv-panasonic-2012-1080p.bin", "dvi-dell-3007wfp.bin")  # 4K HDR, 
 TIMED = "HOT_PLUG|UNPLUG|EDID_CHANGE"
 
 
-def run(args, edid=None):
+def run(args, edid=None, **popen):
     cmd = [CTL] + (["--edid", os.path.join(EDID_DIR, edid)] if edid else []) + args
-    done = subprocess.run(cmd, capture_output=True, text=True, timeout=60)
+    done = subprocess.run(cmd, **(popen or dict(capture_output=True)), text=True, timeout=60)
     return done.returncode, done.stdout, done.stderr
 
 
@@ -172,6 +173,19 @@ class VistrelctlTest(unittest.TestCase):
         self.assertEqual((code, json.loads(out)), (0, caps["stdout"]))
         for tag in ("HDMI-HIDL-Vistrel", "HdmiUtilEmulator"):
             self.assertIn(tag, err)
+
+    def test_a_standard_output_without_reader_is_one_error(self):
+        # The tool's own writes (at the end, and row by row) and the service's dump into it.
+        for args in (["--help"], ["--json", "formats"], ["events", "--cycles", "1"], ["dump"]):
+            with self.subTest(args=args):
+                r, w = os.pipe()
+                os.close(r)
+                try:
+                    got = run(args, stdout=w, stderr=subprocess.PIPE)
+                finally:
+                    os.close(w)
+                self.assertEqual(got, (1, None, "vistrelctl: cannot write to standard output: "
+                                                "Broken pipe\n"))
 
 
 if __name__ == "__main__":
