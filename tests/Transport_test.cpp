@@ -30,17 +30,54 @@
 namespace mirova::test {
 namespace {
 
+using ::android::hardware::hidl_death_recipient;
+using ::android::hardware::host::CallContext;
 using ::android::hardware::host::Connection;
+using ::android::hardware::host::servingCall;
+using ::android::hidl::base::V1_0::IBase;
+using ::testing::Invoke;
 using ::testing::Return;
 using namespace std::chrono_literals;  // NOLINT(build/namespaces)
 
 constexpr pid_t kPeerPid = 4242;  // what the kernel said of the client
+constexpr uid_t kPeerUid = 4343;
+
+// Records, in order, what the serving side learns of a connection's end.
+struct EndLog {
+    void add(const std::string& what) {
+        std::lock_guard<std::mutex> guard(lock);
+        lines.push_back(what);
+    }
+    std::vector<std::string> get() {
+        std::lock_guard<std::mutex> guard(lock);
+        return lines;
+    }
+    std::mutex lock;
+    std::vector<std::string> lines;
+};
+
+struct NullEvents : IHdmiUtilCallback {
+    ::android::hardware::Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t,
+                                                  int64_t) override {
+        return Void();
+    }
+};
+
+struct LoggingRecipient : hidl_death_recipient {
+    explicit LoggingRecipient(EndLog* log) : log(log) {}
+    void serviceDied(uint64_t cookie, const ::android::wp<IBase>&) override {
+        log->add("died " + std::to_string(cookie));
+    }
+    EndLog* log;
+};
 
 class TransportTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        serving = Connection::forService(ends[0], fake, IHdmiUtil::descriptor, kPeerPid);
+        serving = Connection::forService(
+                ends[0], fake, IHdmiUtil::descriptor, ucred{kPeerPid, kPeerUid, 0},
+                [this](uint64_t number) { endLog.add("ended " + std::to_string(number)); });
         client = Connection::forClient(ends[1]);
         proxy = static_cast<IHdmiUtil*>(client->proxyFor(0, IHdmiUtil::descriptor).get());
     }
@@ -55,6 +92,7 @@ class TransportTest : public ::testing::Test {
     sp<Connection> serving;
     sp<Connection> client;
     sp<IHdmiUtil> proxy;
+    EndLog endLog;
 };
 
 // Records are compared whole: a field the marshalling skips or misplaces shows.
@@ -114,13 +152,39 @@ TEST_F(TransportTest, EveryResultFormAndRecordCrossesWhole) {
     EXPECT_TRUE(eventually([this] { return !client->isAlive(); }, 2s));
 }
 
+// A served call knows its caller's credentials and connection, as the kernel
+// gave them; the connection's end is told after its death recipients ran.
+TEST_F(TransportTest, AServedCallKnowsItsConnectionAndItsEndIsTold) {
+    CallContext seen;
+    EXPECT_EQ(servingCall(), nullptr);
+    EXPECT_CALL(*fake, getPropVal(1)).WillOnce(Invoke([&seen](int32_t) {
+        if (servingCall() != nullptr) seen = *servingCall();
+        return 0;
+    }));
+    EXPECT_TRUE(proxy->getPropVal(1).isOk());
+    EXPECT_EQ(seen.callerPid, kPeerPid);
+    EXPECT_EQ(seen.callerUid, kPeerUid);
+    EXPECT_EQ(seen.connection, serving->number());
+    EXPECT_NE(serving->number(), client->number());
+
+    const uint32_t exported = client->exportObject(new NullEvents(), IHdmiUtilCallback::descriptor);
+    sp<IBase> callback = serving->proxyFor(exported, IHdmiUtilCallback::descriptor);
+    sp<hidl_death_recipient> recipient = new LoggingRecipient(&endLog);  // linked weakly
+    ASSERT_TRUE(static_cast<bool>(callback->linkToDeath(recipient, 7)));
+    client->close();
+    ASSERT_TRUE(eventually([this] { return endLog.get().size() == 2; }, 2s));
+    EXPECT_EQ(endLog.get(),
+              (std::vector<std::string>{"died 7", "ended " + std::to_string(serving->number())}));
+}
+
 // A client that stops reading is hung up on once the backlog is full; the
 // sender never waits for it (a wait would hang this test).
 TEST_F(TransportTest, AClientThatStopsReadingIsDroppedNotWaitedFor) {
     client->close();  // nobody reads ends[1] from now on
     int ends2[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends2), 0);
-    sp<Connection> stalled = Connection::forService(ends2[0], fake, IHdmiUtil::descriptor, 1);
+    sp<Connection> stalled =
+            Connection::forService(ends2[0], fake, IHdmiUtil::descriptor, ucred{1, 0, 0});
     sp<IHdmiUtilCallback> events = static_cast<IHdmiUtilCallback*>(
             stalled->proxyFor(1, IHdmiUtilCallback::descriptor).get());
     int accepted = 0;

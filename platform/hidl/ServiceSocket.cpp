@@ -135,7 +135,7 @@ void watchService(const std::string& descriptor, const std::string& instance,
 }
 
 status_t serveService(const std::string& descriptor, const std::string& instance,
-                      std::string* error) {
+                      std::string* error, ConnectionEnded ended) {
     std::string ignored;
     if (error == nullptr) error = &ignored;
     const std::string path = socketPath(descriptor, instance);
@@ -177,7 +177,7 @@ status_t serveService(const std::string& descriptor, const std::string& instance
         return UNKNOWN_ERROR;
     }
     // The lock is held for the rest of the process's life.
-    std::thread([descriptor, instance, listener] {
+    std::thread([descriptor, instance, listener, ended = std::move(ended)] {
         for (;;) {
             const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) {
@@ -196,7 +196,7 @@ status_t serveService(const std::string& descriptor, const std::string& instance
                 continue;
             }
             ALOGD("client pid %d connected", cred.pid);
-            Connection::forService(fd, service, descriptor.c_str(), cred.pid);
+            Connection::forService(fd, service, descriptor.c_str(), cred, ended);
         }
     }).detach();
     return OK;
