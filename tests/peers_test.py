@@ -25,6 +25,7 @@ tests run as root. A refusal that "says so clearly" names the other user
 usage: peers_test.py VISTREL_HDMID VISTRELCTL EDID_DIR
 """
 
+import functools
 import os
 import random
 import re
@@ -53,8 +54,21 @@ def pipe_without_reader():
     return w
 
 
+def unfixed_where_shown(test):
+    """An unfixed fault that shows in some builds only: a failure is expected,
+    a pass is a skip. (The crash depends on what earlier calls left on the
+    stack: the host's gcc and ThreadSanitizer builds crash, the AddressSanitizer
+    build and qemu do not.)"""
+
+    def run(self):
+        test(self)
+        self.skipTest("the fault does not show in this build")
+
+    return unittest.expectedFailure(functools.wraps(test)(run))
+
+
 class ServicePeersTest(procs.ProcessTest):
-    @unittest.expectedFailure
+    @unfixed_where_shown
     def test_resets_and_hostile_frames_leave_the_service_up(self):
         (follower,) = self.follow(1)
         null = os.open(os.devnull, os.O_WRONLY)
