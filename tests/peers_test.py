@@ -25,6 +25,7 @@ tests run as root. A refusal that "says so clearly" names the other user
 usage: peers_test.py VISTREL_HDMID VISTRELCTL EDID_DIR
 """
 
+import fcntl
 import functools
 import os
 import random
@@ -48,9 +49,20 @@ MIB = 1024  # VmRSS is in KiB
 CONTROL_LIMIT = 16  # control clients connected at once
 
 
-def pipe_without_reader():
+def pipe_without_reader(test):
     r, w = os.pipe()
     os.close(r)
+    test.addCleanup(os.close, w)
+    return w
+
+
+def pipe_never_read(test):
+    """A full pipe whose reader stays and never reads."""
+    r, w = os.pipe()
+    test.addCleanup(os.close, r)
+    test.addCleanup(os.close, w)
+    fcntl.fcntl(w, fcntl.F_SETPIPE_SZ, 4096)
+    os.write(w, b"." * 4096)
     return w
 
 
@@ -112,17 +124,14 @@ class ServicePeersTest(procs.ProcessTest):
             peer.close()
         self.assertServing(follower)
 
-    def test_a_reader_gone_from_a_callers_descriptor_kills_nothing(self):
+    def test_a_reader_gone_or_stopped_kills_or_holds_nothing(self):
         (follower,) = self.follow(1)
-        for method, args in (("dumpState", b""), ("processHDMIDebugCmd", struct.pack("<i", 1))):
-            w = pipe_without_reader()
-            self.addCleanup(os.close, w)
-            self.answered(self.connect(), method, args + procs.handle(), [w])
-        # The tool's stdout without a reader: it ends by itself, not by a signal.
-        w = pipe_without_reader()
-        self.addCleanup(os.close, w)
-        code, _, err = self.ctl("dump", ok=False, stdout=w)
-        self.assertGreaterEqual(code, 0, err)
+        for pipe in (pipe_without_reader, pipe_never_read):
+            for method, args in (("dumpState", b""), ("processHDMIDebugCmd", struct.pack("<i", 1))):
+                self.answered(self.connect(), method, args + procs.handle(), [pipe(self)])
+            # The tool's stdout so: it ends by itself, not by a signal.
+            code, _, err = self.ctl("dump", ok=False, stdout=pipe(self))
+            self.assertGreaterEqual(code, 0, err)
         procs.run(["sh", "-c", '"$0" --socket-dir "$1" dump | true', procs.CTL, self.folder])
         self.assertServing(follower)
 
