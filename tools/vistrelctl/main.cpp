@@ -268,7 +268,7 @@ int run(int argc, char** argv) {
     std::unique_ptr<ServiceWatch> watch;
 #ifdef VISTRELCTL_EMULATED
     if (client) {
-        watch = std::make_unique<ServiceWatch>(daemonAnswers,
+        watch = std::make_unique<ServiceWatch>([] { return daemonAnswers(nullptr); },
                                                ::android::hardware::host::socketDir());
     }
 #endif
