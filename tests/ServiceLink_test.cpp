@@ -232,8 +232,8 @@ TEST_F(ServiceLinkTest, ReleaseEndsDeliveryAndLaterEventsTouchNothing) {
     std::thread releasing = startWaitingRelease();
     gate.open();
     releasing.join();
-    EXPECT_EQ(recorder.deliveries().size(), 2u);  // event 1 to both callbacks, not event 2
-    EXPECT_EQ(fake->registrationCount(), 0u);     // the release withdrew it
+    EXPECT_EQ(recorder.deliveries().size(), 2u);    // event 1 to both callbacks, not event 2
+    EXPECT_EQ(fake->registrationCount(), 0u);       // the release withdrew it
     EXPECT_EQ(threadsNamed("VistrelRecoverT"), 0);  // gone, while `client` outlives the release
     LogCapture::clear();
 

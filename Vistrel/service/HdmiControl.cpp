@@ -19,9 +19,9 @@
 #include <VistrelLib.h>
 #include <cutils/properties.h>
 #include <log/log.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <pthread.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -189,7 +189,8 @@ void HdmiControl::setCallback() {
     sp<IHdmiUtil> dropped;
     {
         Mutex::Autolock _s(mServiceLock);
-        if (!mRecovery.joinable() && !mStopping) mRecovery = std::thread([this] { recoveryLoop(); });
+        if (!mRecovery.joinable() && !mStopping)
+            mRecovery = std::thread([this] { recoveryLoop(); });
         mRegistered = true;
         // Lost since it was acquired: the recovery thread registers with the next one.
         if (mService == service) registerLocked();
