@@ -69,8 +69,7 @@ def pipe_never_read(test):
 def unfixed_where_shown(test):
     """An unfixed fault that shows in some builds only: a failure is expected,
     a pass is a skip. (The crash depends on what earlier calls left on the
-    stack: the host's gcc and ThreadSanitizer builds crash, the AddressSanitizer
-    build and qemu do not.)"""
+    stack: the host's gcc build crashes; the sanitizer builds and qemu may not.)"""
 
     def run(self):
         test(self)
