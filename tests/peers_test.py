@@ -255,10 +255,12 @@ class ExhaustionTest(procs.ProcessTest):
         limit = max(used) + 3  # fewer descriptors left than the clients that come
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (limit, limit))
         peers = [self.connect(procs.CONTROL) for _ in range(limit - len(used) + 2)]
-        failed = lambda: self.daemon.stderr().count("cannot accept (Too many open files)")
-        procs.wait_until(failed, "an accept to fail")
-        time.sleep(0.5)  # more accepts fail meanwhile, logged once
-        self.assertEqual(failed(), 1, self.daemon.stderr())
+        procs.wait_until(lambda: "cannot accept (Too many open files)" in self.daemon.stderr(),
+                         "an accept to fail")
+        time.sleep(0.5)  # more accepts fail meanwhile, logged once until one succeeds
+        # (a silent client dropped at its deadline, under load, frees a descriptor)
+        episode = self.daemon.stderr().split("accepting again")[0]
+        self.assertEqual(episode.count("cannot accept"), 1, self.daemon.stderr())
         for peer in peers:
             peer.close()
         self.ctl("tv", "unplug")
