@@ -52,7 +52,6 @@ def pipe_without_reader():
 
 
 class ServicePeersTest(procs.ProcessTest):
-    @unittest.expectedFailure
     def test_resets_and_hostile_frames_leave_the_service_up(self):
         (follower,) = self.follow(1)
         null = os.open(os.devnull, os.O_WRONLY)
@@ -181,7 +180,6 @@ class ExhaustionTest(procs.ProcessTest):
             re.findall(r"source (-?\d+):", self.ctl("dump")[1])), "its topologies to go")
         self.assertIsNone(self.daemon.running())
 
-    @unittest.expectedFailure
     def test_idle_connections_cost_no_thread_each(self):
         self.daemon = self.start(self.folder)
         self.answered(self.connect(), "checkIfHDMIPlugged")
@@ -194,7 +192,6 @@ class ExhaustionTest(procs.ProcessTest):
             pass
         self.assertLess(status_of(self.daemon.proc.pid, "Threads") - before, 16)
 
-    @unittest.expectedFailure
     def test_the_service_serves_again_after_running_out_of_descriptors(self):
         self.daemon = self.start(self.folder, prefix=("prlimit", "--nofile=256", "--"))
         peers, progress = [], time.monotonic()
