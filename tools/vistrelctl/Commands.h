@@ -41,6 +41,8 @@
 
 namespace mirova::vistrelctl {
 
+class ServiceWatch;
+
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;  // a library call failed or the request could not be met
 constexpr int kExitUsage = 2;    // unknown subcommand or bad arguments
@@ -70,6 +72,7 @@ struct Context {
     ::android::sp<emulator::HdmiUtilEmulator> service;
 #endif
     EventSink* events = nullptr;
+    ServiceWatch* watch = nullptr;  // the watch over a client of another process's service
     std::vector<std::string> args;  // the words after the subcommand
     bool json = false;
     Value report;       // what to print on success

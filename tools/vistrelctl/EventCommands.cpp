@@ -18,14 +18,17 @@
 
 #define LOG_TAG "vistrelctl"
 
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <functional>
 
 #include "Commands.h"
 #include "Names.h"
+#include "ServiceWatch.h"
 
 namespace mirova::vistrelctl {
 
@@ -70,8 +73,10 @@ int followEvents(Context& ctx) {
     if (!ctx.json) {
         printf("%10s  %-14s %8s %8s %8s  %s\n", "ms", "event", "param1", "param2", "param3",
                "param4");
-        fflush(stdout);
     }
+    if (!flushOutput(&ctx.error)) return kExitFailure;
+    // From here on the tool waits for events on its own, not in the library.
+    if (ctx.watch != nullptr) ctx.watch->idle();
     while (!gInterrupted) {
         if (!ctx.events->waitForCount(seen + 1, kFollowPollMs)) continue;
         const std::vector<EventSink::Received> all = ctx.events->events();
@@ -89,7 +94,7 @@ int followEvents(Context& ctx) {
                 printf("%10.3f  %-14s %8d %8d %8d  %lld\n", us / 1000.0, eventName(e.event).c_str(),
                        e.param1, e.param2, e.param3, static_cast<long long>(e.param4));
             }
-            fflush(stdout);
+            if (!flushOutput(&ctx.error)) return kExitFailure;
         }
     }
     return kExitOk;
@@ -167,7 +172,7 @@ int runEvents(Context& ctx) {
                 printf("%10.3f  %-12s %-14s %8d %8d %8d  %lld\n", ms, action.c_str(),
                        eventName(e.event).c_str(), e.param1, e.param2, e.param3,
                        static_cast<long long>(e.param4));
-                fflush(stdout);
+                if (!flushOutput(&ctx.error)) return kExitFailure;
             }
         }
         seen = expected;
@@ -185,8 +190,13 @@ int runDump(Context& ctx) {
         return ctx.fail(kExitUsage, "dump: no argument, or '--cmd N' expected");
     }
     if (a.empty() && !ctx.json) {
-        fflush(stdout);
+        if (!flushOutput(&ctx.error)) return kExitFailure;
         hdmi_dumpState(STDOUT_FILENO);  // the descriptor stays ours
+        // The service wrote, not the tool: a reader gone means a lost report.
+        if (outputReaderGone()) {
+            return ctx.fail(kExitFailure,
+                            std::string("cannot write to standard output: ") + strerror(EPIPE));
+        }
         return kExitOk;
     }
     FILE* file = tmpfile();

@@ -141,24 +141,30 @@ std::string socketDir();
 // The socket of a service in the socket folder.
 std::string socketPath(const std::string& descriptor, const std::string& instance);
 
-// A proxy for the service in another process, or null when none answers.
+// A proxy for the service in another process, or null when none answers or
+// when the one that answers is run by a user other than this process's or
+// root: then *refusal (when given) says why, and the refusal is logged once.
 // Never waits.
 sp<::android::hidl::base::V1_0::IBase> connectService(const std::string& descriptor,
-                                                      const std::string& instance);
+                                                      const std::string& instance,
+                                                      std::string* refusal = nullptr);
 
 // Serves the service registered in this process as descriptor/instance to
 // other processes until the process ends. Creates the socket folder (owner
-// only) when missing. Fails with ALREADY_EXISTS, and a message in *error,
-// when another live process serves the same name; a socket left behind by a
-// killed server is replaced. `ended`, when given, learns of each connection's
-// end.
+// only) when missing; an existing one must be a folder (not a symbolic link)
+// of this process's user closed to all others, else PERMISSION_DENIED with a
+// line naming it in *error. Fails with ALREADY_EXISTS, and a message in
+// *error, when another live process serves the same name; a socket left
+// behind by a killed server is replaced. `ended`, when given, learns of each
+// connection's end.
 status_t serveService(const std::string& descriptor, const std::string& instance,
                       std::string* error, ConnectionEnded ended = nullptr);
 
 // Watches the socket folder for new registrations of descriptor/instance by
 // other processes, on a thread of its own: `announce(preexisting)` is called
 // for the one found at the start (preexisting) and for each new one (a
-// restarted server), for as long as `watcher` lives.
+// restarted server), for as long as `watcher` lives. A server that
+// connectService would refuse is not announced.
 void watchService(const std::string& descriptor, const std::string& instance,
                   const wp<::android::hidl::base::V1_0::IBase>& watcher,
                   std::function<void(bool preexisting)> announce);
