@@ -268,8 +268,10 @@ class SetupTest(procs.ProcessTest):
         for what, make, needs_root in (
                 ("owned by another user", lambda: self.made("theirs", owner=NOBODY), True),
                 ("open to all", lambda: self.made("open", 0o777), False),
+                ("open to its group", lambda: self.made("group", 0o750), False),
                 ("a symlink to another user's folder",
-                 lambda: self.symlink(self.made("target", owner=NOBODY), "link"), True)):
+                 lambda: self.symlink(self.made("target", owner=NOBODY), "link"), True),
+                ("a symlink to a safe folder", lambda: self.symlink(self.made("ours"), "ln"), False)):
             with self.subTest(what):
                 if needs_root and os.getuid() != 0:
                     self.skipTest(NEEDS_ROOT)
@@ -283,8 +285,8 @@ class SetupTest(procs.ProcessTest):
     def test_a_planted_lock_link_is_not_written_through(self):
         folder = self.made("sockets")
         victim = os.path.join(self.base, "victim")
-        with open(victim, "w", encoding="utf-8") as f:
-            f.write("kept\n")
+        with open(os.open(victim, os.O_CREAT | os.O_WRONLY, 0o600), "w", encoding="utf-8") as f:
+            f.write("kept\n")  # private: only the link stands between it and the daemon
         os.symlink(victim, os.path.join(folder, SERVICE + ".lock"))
         self.start(folder)
         with open(victim, encoding="utf-8") as f:
