@@ -1,0 +1,292 @@
+#!/usr/bin/env python3
+# Copyright (C) 2026 The libVistrel Authors
+#
+# Licensed under the Apache License, Version 2.0 (the "License");
+# you may not use this file except in compliance with the License.
+# You may obtain a copy of the License at
+#
+#      http://www.apache.org/licenses/LICENSE-2.0
+#
+# Unless required by applicable law or agreed to in writing, software
+# distributed under the License is distributed on an "AS IS" BASIS,
+# WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+# See the License for the specific language governing permissions and
+# limitations under the License.
+
+"""vistrel-hdmid and vistrelctl among hostile or clumsy local peers: hand-made
+clients speaking the frame format, resets, stopped and silent clients, other
+users' folders and services, connections and memory without end, and inputs
+the tool cannot finish reading. Each is a real process (procs.py).
+
+Tests that need a second user run it as `nobody` and are skipped unless the
+tests run as root. A refusal that "says so clearly" names the other user
+(its name or uid).
+
+usage: peers_test.py VISTREL_HDMID VISTRELCTL EDID_DIR
+"""
+
+import os
+import random
+import re
+import select
+import signal
+import socket
+import struct
+import sys
+import time
+import unittest
+
+import procs
+from procs import SERVICE, WAIT, call, status_of
+
+NOBODY = 65534
+AS_NOBODY = ("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups")
+NEEDS_ROOT = "needs root to act as a second user (nobody)"
+MIB = 1024  # VmRSS is in KiB
+
+
+def pipe_without_reader():
+    r, w = os.pipe()
+    os.close(r)
+    return w
+
+
+class ServicePeersTest(procs.ProcessTest):
+    @unittest.expectedFailure
+    def test_resets_and_hostile_frames_leave_the_service_up(self):
+        (follower,) = self.follow(1)
+        null = os.open(os.devnull, os.O_WRONLY)
+        self.addCleanup(os.close, null)
+        # A dump into a descriptor, answered; then a call whose answer is never read.
+        peer = self.connect()
+        self.answered(peer, "dumpState", procs.handle(), [null])
+        peer.send(procs.frame("checkIfHDMIPlugged"))
+        select.select([peer], [], [], WAIT)
+        peer.close()
+        # Valid calls, mutated, truncated or replaced, with descriptors (more than a
+        # frame carries too), on connections that end in every way.
+        valid = [procs.frame("dumpState", procs.handle()),
+                 procs.frame("processHDMIDebugCmd", struct.pack("<i", 1) + procs.handle()),
+                 procs.frame("checkIfHDMIPlugged"),
+                 procs.frame("setCallback", struct.pack("<iI", 0, 1) + b"x" + struct.pack("<I", 1)),
+                 procs.frame("handleTopoInfo", struct.pack("<iI6i", 1, 1, 1, 2, 3, 4, 1, 0))]
+        rng = random.Random(25)
+        for _ in range(200):
+            self.assertIsNone(self.daemon.running())
+            peer = self.connect()
+            for _ in range(rng.randint(1, 4)):
+                data = bytearray(rng.choice(valid))
+                for _ in range(rng.randint(0, 3)):
+                    data[rng.randrange(len(data))] = rng.randrange(256)
+                if rng.random() < 0.2:
+                    data = data[:rng.randrange(len(data))]
+                if rng.random() < 0.1:
+                    data = rng.randbytes(rng.randrange(1, 64))
+                try:
+                    socket.send_fds(peer, [bytes(data)], [null] * rng.choice((0, 0, 1, 2, 5)))
+                except OSError:
+                    break  # hung up on
+            ending = rng.randrange(4)
+            if ending == 0:  # reset
+                peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            elif ending == 1:  # half-close
+                peer.shutdown(socket.SHUT_WR)
+            elif ending == 2:  # an answer left unread
+                select.select([peer], [], [], 0.2)
+            peer.close()
+        self.assertServing(follower)
+
+    @unittest.expectedFailure
+    def test_a_reader_gone_from_a_callers_descriptor_kills_nothing(self):
+        (follower,) = self.follow(1)
+        for method, args in (("dumpState", b""), ("processHDMIDebugCmd", struct.pack("<i", 1))):
+            w = pipe_without_reader()
+            self.addCleanup(os.close, w)
+            self.answered(self.connect(), method, args + procs.handle(), [w])
+        # The tool's stdout without a reader: it ends by itself, not by a signal.
+        w = pipe_without_reader()
+        self.addCleanup(os.close, w)
+        code, _, err = self.ctl("dump", ok=False, stdout=w)
+        self.assertGreaterEqual(code, 0, err)
+        procs.run(["sh", "-c", '"$0" --socket-dir "$1" dump | true', procs.CTL, self.folder])
+        self.assertServing(follower)
+
+    @unittest.expectedFailure
+    def test_a_silent_control_client_stalls_no_tv_command(self):
+        (follower,) = self.follow(1)
+        self.connect(procs.CONTROL)  # says nothing, stays connected
+        self.ctl("tv", "unplug")
+        self.assertEqual(follower.wait_for(2), ["UNPLUG", "FORMAT_CHANGE"])
+
+    def test_a_silent_or_stopped_client_delays_no_other(self):
+        stopped, kept = self.follow(2)
+        self.connect()  # says nothing, stays connected
+        stopped.proc.send_signal(signal.SIGSTOP)  # its socket fills, then its queue
+        caller = self.connect()
+        for n in range(400):  # one event each
+            self.answered(caller, "emulateFwCallbackHDRType", struct.pack("<ii", n, 0))
+        kept.wait_for(400)
+        self.assertEqual([e["param1"] for e in kept.events], list(range(400)))
+
+    @unittest.expectedFailure
+    def test_a_registration_belongs_to_the_connection_that_made_it(self):
+        # A child opens a connection, hands it over and becomes a follower: exec
+        # keeps its pid, so both connections carry the same peer pid.
+        ours, theirs = socket.socketpair()
+        self.addCleanup(ours.close)
+        child = ("import os, socket, sys; s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET);"
+                 "s.connect(sys.argv[1]); socket.send_fds(socket.socket(fileno=int(sys.argv[2])),"
+                 "[b'c'], [s.fileno()]); os.execv(sys.argv[3], sys.argv[3:])")
+        (follower,) = self.follow(1, command=[
+            sys.executable, "-c", child, os.path.join(self.folder, SERVICE), str(theirs.fileno()),
+            procs.CTL, "events", "--follow", "--json"], pass_fds=[theirs.fileno()])
+        theirs.close()
+        raw = socket.socket(fileno=socket.recv_fds(ours, 1, 1)[1][0])
+        self.answered(raw, "removeCallback", struct.pack("<i", follower.proc.pid))
+        self.assertIn(follower.proc.pid, self.clients())
+        raw.close()  # its end drops nothing of the follower's either
+        self.assertServing(follower)
+        self.assertIn(follower.proc.pid, self.clients())
+
+
+class ExhaustionTest(procs.ProcessTest):
+    start_daemon = False
+
+    @unittest.expectedFailure
+    def test_one_client_cannot_make_the_service_keep_without_bound(self):
+        # Freed memory counts as freed: AddressSanitizer's quarantine would hold it.
+        asan = ":".join(filter(None, (os.environ.get("ASAN_OPTIONS"), "quarantine_size_mb=0")))
+        self.daemon = self.start(self.folder, env=dict(os.environ, ASAN_OPTIONS=asan))
+        count = (procs.MAX_BODY - 8) // 24  # the most instances a frame carries
+        instances = b"".join(struct.pack("<6i", i, 1, 2, 3, 1, 0) for i in range(count))
+
+        def report(peer, source):  # False once the service has given this client up
+            try:
+                return call(peer, "handleTopoInfo", struct.pack("<iI", source, count) + instances)
+            except OSError:
+                return False
+
+        warm = self.connect()
+        for source in range(8):  # the path taken once before the measure
+            report(warm, 9000 + source)
+        before = status_of(self.daemon.proc.pid, "VmRSS")
+        peer = self.connect()
+        for source in range(1500):
+            if not report(peer, source):
+                break
+            grown = (status_of(self.daemon.proc.pid, "VmRSS") - before) // MIB
+            self.assertLess(grown, 32, f"MiB after {source + 1} sources")
+        peer.close()
+        procs.wait_until(lambda: not {str(s) for s in range(1500)} & set(
+            re.findall(r"source (-?\d+):", self.ctl("dump")[1])), "its topologies to go")
+        self.assertIsNone(self.daemon.running())
+
+    @unittest.expectedFailure
+    def test_idle_connections_cost_no_thread_each(self):
+        self.daemon = self.start(self.folder)
+        self.answered(self.connect(), "checkIfHDMIPlugged")
+        before = status_of(self.daemon.proc.pid, "Threads")
+        for _ in range(200):
+            self.connect()
+        try:  # accepted after the 200 (answered, or refused over a limit)
+            call(self.connect(), "checkIfHDMIPlugged")
+        except OSError:
+            pass
+        self.assertLess(status_of(self.daemon.proc.pid, "Threads") - before, 16)
+
+    @unittest.expectedFailure
+    def test_the_service_serves_again_after_running_out_of_descriptors(self):
+        self.daemon = self.start(self.folder, prefix=("prlimit", "--nofile=256", "--"))
+        peers, progress = [], time.monotonic()
+        while len(peers) < 300 and time.monotonic() - progress < 2:
+            try:
+                peers.append(procs.connect(self.folder, timeout=0))
+                progress = time.monotonic()
+            except BlockingIOError:
+                time.sleep(0.01)  # its queue is full: it is behind, or takes no more
+        for peer in peers:
+            peer.close()
+        self.ctl("status")
+        self.assertIsNone(self.daemon.running())
+
+
+class SetupTest(procs.ProcessTest):
+    start_daemon = False
+
+    def made(self, name, mode=0o700, owner=None):
+        path = os.path.join(self.base, name)
+        os.mkdir(path)
+        os.chmod(path, mode)
+        if owner is not None:
+            os.chown(path, owner, owner)
+        return path
+
+    def symlink(self, target, name):
+        os.symlink(target, os.path.join(self.base, name))
+        return os.path.join(self.base, name)
+
+    @unittest.expectedFailure
+    def test_an_unsafe_socket_folder_is_refused(self):
+        for what, make, needs_root in (
+                ("owned by another user", lambda: self.made("theirs", owner=NOBODY), True),
+                ("open to all", lambda: self.made("open", 0o777), False),
+                ("a symlink to another user's folder",
+                 lambda: self.symlink(self.made("target", owner=NOBODY), "link"), True)):
+            with self.subTest(what):
+                if needs_root and os.getuid() != 0:
+                    self.skipTest(NEEDS_ROOT)
+                folder = make()
+                daemon = self.start(folder)
+                self.assertIsNotNone(daemon.proc.poll(), f"serves in a folder {what}")
+                named = [line for line in daemon.stderr().splitlines() if folder in line]
+                self.assertEqual((daemon.proc.returncode != 0, len(named)), (True, 1),
+                                 daemon.stderr())
+
+    @unittest.expectedFailure
+    def test_a_planted_lock_link_is_not_written_through(self):
+        folder = self.made("sockets")
+        victim = os.path.join(self.base, "victim")
+        with open(victim, "w", encoding="utf-8") as f:
+            f.write("kept\n")
+        os.symlink(victim, os.path.join(folder, SERVICE + ".lock"))
+        self.start(folder)
+        with open(victim, encoding="utf-8") as f:
+            self.assertEqual(f.read(), "kept\n")
+
+    @unittest.expectedFailure
+    def test_a_client_refuses_a_service_run_by_another_user(self):
+        if os.getuid() != 0:
+            self.skipTest(NEEDS_ROOT)
+        os.chmod(self.base, 0o711)
+        folder = self.made("sockets", owner=NOBODY)
+        procs.run([procs.DAEMON, "--help"])  # a launcher may write beside the executable
+        impostor = self.start(folder, prefix=AS_NOBODY)
+        self.assertIsNone(impostor.running())
+        _, _, err = self.ctl("status", ok=False, folder=folder)
+        self.assertNotIn("using vistrel-hdmid", err)
+        self.assertRegex(err, "nobody|65534")
+
+    @unittest.expectedFailure
+    def test_tool_inputs_are_bounded(self):
+        fifo = os.path.join(self.base, "fifo")  # no writer ever comes
+        os.mkfifo(fifo)
+        big = os.path.join(self.base, "big.bin")
+        with open(big, "wb") as f:
+            f.truncate(4 << 30)  # sparse
+        for args, named in ((["--edid", "/dev/zero", "caps"], "/dev/zero"),
+                            (["--edid", fifo, "caps"], fifo),
+                            (["--edid", big, "caps"], big),
+                            (["tv", "edid", "/dev/zero"], "/dev/zero"),
+                            (["tv", "edid", big], big)):
+            with self.subTest(args=args):
+                code, _, err = self.ctl(*args, ok=False, rss_mib=256)
+                self.assertEqual((code, len(err.splitlines()), named in err), (1, 1, True), err)
+        # A whole EDID from a pipe is read as from a file.
+        edid = os.path.join(procs.EDID_DIR, "tv-panasonic-2012-1080p.bin")
+        code, _, err = procs.run(["sh", "-c", 'cat "$1" | "$0" --edid /dev/stdin caps', procs.CTL,
+                                  edid])
+        self.assertEqual(code, 0, err)
+
+
+if __name__ == "__main__":
+    procs.main()
