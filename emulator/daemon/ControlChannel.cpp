@@ -30,6 +30,8 @@
 #include <algorithm>
 #include <thread>
 
+#include "ScenarioPlayer.h"
+
 namespace mirova::emulator {
 
 namespace {
@@ -76,6 +78,11 @@ std::string handleControl(HdmiUtilEmulator* service, const std::string& message)
         service->unplug();
         if (!service->swapEdid(edid, &why)) return "error: " + why;
         service->plug();
+    } else if (message.rfind("play\n", 0) == 0) {
+        Program program;
+        std::string why;
+        if (!decodeProgram(message.substr(5), &program, &why)) return "error: " + why;
+        return playProgram(service, program);
     } else {
         return "error: unknown request";
     }
