@@ -58,8 +58,36 @@ void onInterrupt(int /*signal*/) {
 // How often a follower looks for an interruption while no event comes.
 constexpr int kFollowPollMs = 200;
 
+// The sink's EDID in hex; empty when none is plugged.
+std::string edidHex() {
+    _HDMITVCapInfo cap;
+    if (hdmi_getTVCapInfo(&cap) != 0 || cap.capWord3 <= 0 || cap.capWord3 > 256 * 128) return "";
+    std::vector<uint8_t> edid(static_cast<size_t>(cap.capWord3));
+    if (hdmi_getEDIDRawData(edid.data(), cap.capWord3) != 0) return "";
+    std::string hex;
+    char byte[3];
+    for (uint8_t b : edid) {
+        snprintf(byte, sizeof(byte), "%02x", b);
+        hex += byte;
+    }
+    return hex;
+}
+
+// The first line of a recording: the state the events alone do not show, for
+// a replay to start from (vistrelctl tv replay; its format: Recording.h).
+void printRecordingHeader() {
+    _HDMI_OUTPUT_FORMAT f{};
+    hdmi_getCurrentOutputFormat(&f);
+    printf("{\"recording\": 1, \"edid\": \"%s\", \"plugged\": %s, \"format\": {\"mode\": %d, "
+           "\"vic\": %d, \"vic_param\": %d, \"color\": %d, \"color_depth\": %d, "
+           "\"option\": %d, \"hdr\": %d, \"content_type\": %d}}\n",
+           edidHex().c_str(), hdmi_checkIfHDMIPlugged() == 1 ? "true" : "false", f.mode, f.vic,
+           f.vic_param, f.color, f.color_depth, f.option, f.hdr, f.content_type);
+}
+
 // events --follow: one line per event as it arrives (flushed at once), until
-// SIGINT or SIGTERM.
+// SIGINT or SIGTERM. With --json the lines are a recording: its header first,
+// and with each plug or EDID change the EDID it brought.
 int followEvents(Context& ctx) {
     struct sigaction action {};
     action.sa_handler = onInterrupt;
@@ -70,8 +98,10 @@ int followEvents(Context& ctx) {
     if (!ctx.json) {
         printf("%10s  %-14s %8s %8s %8s  %s\n", "ms", "event", "param1", "param2", "param3",
                "param4");
-        fflush(stdout);
+    } else {
+        printRecordingHeader();
     }
+    fflush(stdout);
     while (!gInterrupted) {
         if (!ctx.events->waitForCount(seen + 1, kFollowPollMs)) continue;
         const std::vector<EventSink::Received> all = ctx.events->events();
@@ -81,10 +111,13 @@ int followEvents(Context& ctx) {
                     std::chrono::duration_cast<std::chrono::microseconds>(all[seen].at - start)
                             .count();
             if (ctx.json) {
+                const bool newSink = e.event == emulator::kEventHotPlug || e.event == emulator::kEventEdidChange;
+                const std::string edid = newSink ? edidHex() : "";
                 printf("{\"t_us\": %lld, \"event\": %d, \"name\": \"%s\", \"param1\": %d, "
-                       "\"param2\": %d, \"param3\": %d, \"param4\": %lld}\n",
+                       "\"param2\": %d, \"param3\": %d, \"param4\": %lld%s%s%s}\n",
                        us, e.event, eventName(e.event).c_str(), e.param1, e.param2, e.param3,
-                       static_cast<long long>(e.param4));
+                       static_cast<long long>(e.param4), edid.empty() ? "" : ", \"edid\": \"",
+                       edid.c_str(), edid.empty() ? "" : "\"");
             } else {
                 printf("%10.3f  %-14s %8d %8d %8d  %lld\n", us / 1000.0, eventName(e.event).c_str(),
                        e.param1, e.param2, e.param3, static_cast<long long>(e.param4));
