@@ -76,7 +76,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool serving = (data[0] & 1) == 0;
     sp<CountingCallback> callback = new CountingCallback();
     sp<Connection> side =
-            serving ? Connection::forService(ends[0], service(), IHdmiUtil::descriptor, getpid())
+            serving ? Connection::forService(ends[0], service(), IHdmiUtil::descriptor,
+                                             ucred{getpid(), getuid(), getgid()})
                     : Connection::forClient(ends[0]);
     if (!serving) side->exportObject(callback, IHdmiUtilCallback::descriptor);  // object 1
 

@@ -18,29 +18,77 @@
 // carries in each result form, what does not fit a frame, and what a stalled
 // peer gets. Real processes on both ends are tested by multiprocess_test.py.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <hidl/HostTransport.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "support/FakeHdmiUtil.h"
 
 namespace mirova::test {
 namespace {
 
+using ::android::hardware::hidl_death_recipient;
+using ::android::hardware::host::CallContext;
 using ::android::hardware::host::Connection;
+using ::android::hardware::host::servingCall;
+using ::android::hidl::base::V1_0::IBase;
+using ::testing::Invoke;
 using ::testing::Return;
 using namespace std::chrono_literals;  // NOLINT(build/namespaces)
 
 constexpr pid_t kPeerPid = 4242;  // what the kernel said of the client
+constexpr uid_t kPeerUid = 4343;
+
+// Records, in order, what the serving side learns of a connection's end.
+struct EndLog {
+    void add(const std::string& what) {
+        std::lock_guard<std::mutex> guard(lock);
+        lines.push_back(what);
+    }
+    std::vector<std::string> get() {
+        std::lock_guard<std::mutex> guard(lock);
+        return lines;
+    }
+    std::mutex lock;
+    std::vector<std::string> lines;
+};
+
+struct NullEvents : IHdmiUtilCallback {
+    ::android::hardware::Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t,
+                                                  int64_t) override {
+        return Void();
+    }
+};
+
+struct LoggingRecipient : hidl_death_recipient {
+    explicit LoggingRecipient(EndLog* log) : log(log) {}
+    void serviceDied(uint64_t cookie, const ::android::wp<IBase>&) override {
+        log->add("died " + std::to_string(cookie));
+    }
+    EndLog* log;
+};
 
 class TransportTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        serving = Connection::forService(ends[0], fake, IHdmiUtil::descriptor, kPeerPid);
+        serving = Connection::forService(
+                ends[0], fake, IHdmiUtil::descriptor, ucred{kPeerPid, kPeerUid, 0},
+                [this](uint64_t number) { endLog.add("ended " + std::to_string(number)); });
         client = Connection::forClient(ends[1]);
         proxy = static_cast<IHdmiUtil*>(client->proxyFor(0, IHdmiUtil::descriptor).get());
     }
@@ -55,6 +103,7 @@ class TransportTest : public ::testing::Test {
     sp<Connection> serving;
     sp<Connection> client;
     sp<IHdmiUtil> proxy;
+    EndLog endLog;
 };
 
 // Records are compared whole: a field the marshalling skips or misplaces shows.
@@ -114,13 +163,39 @@ TEST_F(TransportTest, EveryResultFormAndRecordCrossesWhole) {
     EXPECT_TRUE(eventually([this] { return !client->isAlive(); }, 2s));
 }
 
+// A served call knows its caller's credentials and connection, as the kernel
+// gave them; the connection's end is told after its death recipients ran.
+TEST_F(TransportTest, AServedCallKnowsItsConnectionAndItsEndIsTold) {
+    CallContext seen;
+    EXPECT_EQ(servingCall(), nullptr);
+    EXPECT_CALL(*fake, getPropVal(1)).WillOnce(Invoke([&seen](int32_t) {
+        if (servingCall() != nullptr) seen = *servingCall();
+        return 0;
+    }));
+    EXPECT_TRUE(proxy->getPropVal(1).isOk());
+    EXPECT_EQ(seen.callerPid, kPeerPid);
+    EXPECT_EQ(seen.callerUid, kPeerUid);
+    EXPECT_EQ(seen.connection, serving->number());
+    EXPECT_NE(serving->number(), client->number());
+
+    const uint32_t exported = client->exportObject(new NullEvents(), IHdmiUtilCallback::descriptor);
+    sp<IBase> callback = serving->proxyFor(exported, IHdmiUtilCallback::descriptor);
+    sp<hidl_death_recipient> recipient = new LoggingRecipient(&endLog);  // linked weakly
+    ASSERT_TRUE(static_cast<bool>(callback->linkToDeath(recipient, 7)));
+    client->close();
+    ASSERT_TRUE(eventually([this] { return endLog.get().size() == 2; }, 2s));
+    EXPECT_EQ(endLog.get(),
+              (std::vector<std::string>{"died 7", "ended " + std::to_string(serving->number())}));
+}
+
 // A client that stops reading is hung up on once the backlog is full; the
 // sender never waits for it (a wait would hang this test).
 TEST_F(TransportTest, AClientThatStopsReadingIsDroppedNotWaitedFor) {
     client->close();  // nobody reads ends[1] from now on
     int ends2[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends2), 0);
-    sp<Connection> stalled = Connection::forService(ends2[0], fake, IHdmiUtil::descriptor, 1);
+    sp<Connection> stalled =
+            Connection::forService(ends2[0], fake, IHdmiUtil::descriptor, ucred{1, 0, 0});
     sp<IHdmiUtilCallback> events = static_cast<IHdmiUtilCallback*>(
             stalled->proxyFor(1, IHdmiUtilCallback::descriptor).get());
     int accepted = 0;
@@ -129,6 +204,141 @@ TEST_F(TransportTest, AClientThatStopsReadingIsDroppedNotWaitedFor) {
     EXPECT_LT(accepted, 1000000);
     EXPECT_TRUE(eventually([&] { return !stalled->isAlive(); }, 1s));
     close(ends2[1]);
+}
+
+// Folders a daemon must not serve in, each refused with one line that names
+// what is wrong, and nothing written through a planted link.
+TEST(ServiceTrustTest, AnUnsafeSocketFolderOrLockIsRefused) {
+    char base[] = "/tmp/vistrel-folders-XXXXXX";
+    ASSERT_NE(mkdtemp(base), nullptr);
+    const std::string b = base;
+    const std::string lock = "/" + std::string(IHdmiUtil::descriptor) + "-default.lock";
+    const std::string victim = b + "/victim";  // a private file of ours: modes do not stop it
+    close(open(victim.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    ASSERT_EQ(mkdir((b + "/ours").c_str(), 0700), 0);
+    struct Row {
+        const char* what;
+        std::function<void(const std::string& folder)> make;
+        const char* refusal;  // after "FOLDER: " (or "FOLDER/LOCK: ")
+        bool lockNamed;
+        bool needsRoot;
+    } rows[] = {
+            {"open to its group", [](auto& f) { mkdir(f.c_str(), 0750); },
+             "open to group or others (mode 0750)", false, false},
+            {"open to all", [](auto& f) { mkdir(f.c_str(), 0777), chmod(f.c_str(), 0777); },
+             "open to group or others (mode 0777)", false, false},
+            {"a symlink to our own folder",
+             [&](auto& f) { symlink((b + "/ours").c_str(), f.c_str()); },
+             "a symbolic link, not a folder", false, false},
+            {"a file",
+             [](auto& f) { close(open(f.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)); },
+             "not a folder", false, false},
+            {"a lock planted as a symlink",
+             [&](auto& f) { mkdir(f.c_str(), 0700), symlink(victim.c_str(), (f + lock).c_str()); },
+             "a symbolic link, not a lock file", true, false},
+            {"owned by another user",
+             [](auto& f) { mkdir(f.c_str(), 0700), chown(f.c_str(), 65534, 65534); },
+             "owned by uid 65534, not by you (uid 0)", false, true},
+    };
+    int n = 0;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        if (row.needsRoot && geteuid() != 0) continue;  // another user's needs root
+        const std::string folder = b + "/" + std::to_string(n++);
+        row.make(folder);
+        setenv("VISTREL_SOCKET_DIR", folder.c_str(), 1);
+        std::string error;
+        EXPECT_EQ(::android::hardware::host::serveService(IHdmiUtil::descriptor, "default", &error),
+                  ::android::PERMISSION_DENIED);
+        EXPECT_EQ(error,
+                  folder + (row.lockNamed ? lock : "") + ": " + row.refusal + ": refusing it");
+    }
+    struct stat info {};
+    EXPECT_EQ(stat(victim.c_str(), &info), 0);
+    EXPECT_EQ(info.st_size, 0);
+    unsetenv("VISTREL_SOCKET_DIR");
+    ASSERT_EQ(system(("rm -rf " + b).c_str()), 0);
+}
+
+// A listener at `path`, bound by this process; when `uid` is given, it listens
+// as that user (the credentials a client sees are the listener's).
+int listenAt(const std::string& path, uid_t uid = 0) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    const bool user = uid == 0 || (setgid(uid) == 0 && setuid(uid) == 0);
+    return bound && user && listen(fd, 8) == 0 ? fd : -1;
+}
+
+// Waits for one byte from `fd`: false when none came within 30 s.
+bool byteFrom(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    char byte;
+    return poll(&p, 1, 30000) == 1 && read(fd, &byte, 1) == 1;
+}
+
+// A service that another user serves is refused by a lookup, which says why,
+// and the registration watcher does not announce it; the next server, of our
+// own user, is announced as new.
+TEST(ServiceTrustTest, AServiceOfAnotherUserIsRefusedAndNotAnnounced) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to serve as a second user (nobody)";
+    char folder[] = "/tmp/vistrel-trust-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    setenv("VISTREL_SOCKET_DIR", folder, 1);
+    const std::string path =
+            ::android::hardware::host::socketPath(IHdmiUtil::descriptor, "default");
+    int told[2];
+    ASSERT_EQ(pipe2(told, O_CLOEXEC), 0);
+    // The impostor, as nobody, says a byte when it listens and one per client.
+    const pid_t impostor = fork();
+    if (impostor == 0) {
+        const int fd = listenAt(path, 65534);
+        while (fd >= 0 && write(told[1], "c", 1) == 1 && accept(fd, nullptr, nullptr) >= 0) {
+        }
+        _exit(0);
+    }
+    ASSERT_TRUE(byteFrom(told[0]));
+    std::string refusal;
+    EXPECT_EQ(::android::hardware::host::connectService(IHdmiUtil::descriptor, "default", &refusal),
+              nullptr);
+    EXPECT_NE(refusal.find(path + ": served by uid 65534"), std::string::npos) << refusal;
+    ASSERT_TRUE(byteFrom(told[0]));
+
+    struct Announced {
+        std::mutex lock;
+        std::vector<bool> preexisting;
+    };
+    auto announced = std::make_shared<Announced>();
+    sp<IHdmiUtil> watcher = new FakeHdmiUtil();
+    ::android::hardware::host::watchService(IHdmiUtil::descriptor, "default", watcher,
+                                            [announced](bool preexisting) {
+                                                std::lock_guard<std::mutex> g(announced->lock);
+                                                announced->preexisting.push_back(preexisting);
+                                            });
+    EXPECT_TRUE(byteFrom(told[0]));  // the watcher has looked at the impostor
+    kill(impostor, SIGKILL);
+    waitpid(impostor, nullptr, 0);
+    unlink(path.c_str());
+    const int ours = listenAt(path);
+    ASSERT_GE(ours, 0);
+    EXPECT_TRUE(eventually([&] {
+        std::lock_guard<std::mutex> g(announced->lock);
+        return !announced->preexisting.empty();
+    }));
+    {
+        std::lock_guard<std::mutex> g(announced->lock);
+        EXPECT_EQ(announced->preexisting, std::vector<bool>{false});
+    }
+    EXPECT_NE(::android::hardware::host::connectService(IHdmiUtil::descriptor, "default"), nullptr);
+    watcher.clear();
+    close(ours);
+    close(told[0]);
+    close(told[1]);
+    unlink(path.c_str());
+    rmdir(folder);
+    unsetenv("VISTREL_SOCKET_DIR");
 }
 
 }  // namespace

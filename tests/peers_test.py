@@ -25,6 +25,7 @@ tests run as root. A refusal that "says so clearly" names the other user
 usage: peers_test.py VISTREL_HDMID VISTRELCTL EDID_DIR
 """
 
+import functools
 import os
 import random
 import re
@@ -51,8 +52,21 @@ def pipe_without_reader():
     return w
 
 
+def unfixed_where_shown(test):
+    """An unfixed fault that shows in some builds only: a failure is expected,
+    a pass is a skip. (The crash depends on what earlier calls left on the
+    stack: the host's gcc and ThreadSanitizer builds crash, the AddressSanitizer
+    build and qemu do not.)"""
+
+    def run(self):
+        test(self)
+        self.skipTest("the fault does not show in this build")
+
+    return unittest.expectedFailure(functools.wraps(test)(run))
+
+
 class ServicePeersTest(procs.ProcessTest):
-    @unittest.expectedFailure
+    @unfixed_where_shown
     def test_resets_and_hostile_frames_leave_the_service_up(self):
         (follower,) = self.follow(1)
         null = os.open(os.devnull, os.O_WRONLY)
@@ -225,7 +239,6 @@ class SetupTest(procs.ProcessTest):
         os.symlink(target, os.path.join(self.base, name))
         return os.path.join(self.base, name)
 
-    @unittest.expectedFailure
     def test_an_unsafe_socket_folder_is_refused(self):
         for what, make, needs_root in (
                 ("owned by another user", lambda: self.made("theirs", owner=NOBODY), True),
@@ -242,7 +255,6 @@ class SetupTest(procs.ProcessTest):
                 self.assertEqual((daemon.proc.returncode != 0, len(named)), (True, 1),
                                  daemon.stderr())
 
-    @unittest.expectedFailure
     def test_a_planted_lock_link_is_not_written_through(self):
         folder = self.made("sockets")
         victim = os.path.join(self.base, "victim")
@@ -253,7 +265,6 @@ class SetupTest(procs.ProcessTest):
         with open(victim, encoding="utf-8") as f:
             self.assertEqual(f.read(), "kept\n")
 
-    @unittest.expectedFailure
     def test_a_client_refuses_a_service_run_by_another_user(self):
         if os.getuid() != 0:
             self.skipTest(NEEDS_ROOT)
@@ -266,7 +277,6 @@ class SetupTest(procs.ProcessTest):
         self.assertNotIn("using vistrel-hdmid", err)
         self.assertRegex(err, "nobody|65534")
 
-    @unittest.expectedFailure
     def test_tool_inputs_are_bounded(self):
         fifo = os.path.join(self.base, "fifo")  # no writer ever comes
         os.mkfifo(fifo)

@@ -16,7 +16,9 @@
 """vistrelctl run as a user runs it, the emulated TV in its process: each command
 line of vistrelctl/commands.tsv on each EDID of EDIDS, its exit code, stdout and
 stderr compared whole with the golden file vistrelctl/EDID.json; the help text
-with vistrelctl/help.txt; the failures of vistrelctl/usage-errors.tsv.
+with vistrelctl/help.txt; the failures of vistrelctl/usage-errors.tsv (EDID
+inputs among them: devices, folders, oversize files, pipes); a standard output
+whose reader has gone.
 
 usage: vistrelctl_test.py PATH_TO_VISTRELCTL EDID_DIR [--update]
   --update  rewrite the golden files from what the tool prints now (read the diff
@@ -25,11 +27,15 @@ usage: vistrelctl_test.py PATH_TO_VISTRELCTL EDID_DIR [--update]
 """
 
 import concurrent.futures
+import itertools
 import json
 import os
 import re
+import shutil
 import subprocess
 import sys
+import tempfile
+import threading
 import unittest
 
 CTL = EDID_DIR = DATA_DIR = ""
@@ -41,10 +47,49 @@ EDIDS = (UHD, "tv-panasonic-2012-1080p.bin", "dvi-dell-3007wfp.bin")  # 4K HDR, 
 TIMED = "HOT_PLUG|UNPLUG|EDID_CHANGE"
 
 
-def run(args, edid=None):
+def run(args, edid=None, **popen):
     cmd = [CTL] + (["--edid", os.path.join(EDID_DIR, edid)] if edid else []) + args
-    done = subprocess.run(cmd, capture_output=True, text=True, timeout=60)
+    done = subprocess.run(cmd, **(popen or dict(capture_output=True)), text=True, timeout=60)
     return done.returncode, done.stdout, done.stderr
+
+
+class Inputs:
+    """The EDID files of the failure table's {names}: the largest EDID a file may
+    hold ({max}: the built-in TV padded to 256 blocks), one byte more ({big}), a
+    FIFO nobody writes ({fifo}), and a FIFO a writer fills with the built-in TV
+    (a new one for each run: {fed_fifo})."""
+
+    def __init__(self):
+        self.dir = tempfile.mkdtemp()
+        with open(os.path.join(EDID_DIR, UHD), "rb") as f:
+            self.edid = f.read()
+        self.names = {"edid_dir": EDID_DIR, "fifo": self.path("fifo"),
+                      "max": self.path("max.bin"), "big": self.path("big.bin")}
+        os.mkfifo(self.names["fifo"])
+        for name, size in (("max", 256 * 128), ("big", 256 * 128 + 1)):
+            with open(self.names[name], "wb") as f:
+                f.write(self.edid.ljust(size, b"\0"))
+        self.fed = itertools.count()  # FIFO names, drawn by the runs' threads
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def fed_fifo(self):
+        path = self.path("fed%d" % next(self.fed))
+        os.mkfifo(path)
+
+        def feed():
+            with open(path, "wb") as f:  # waits for the tool to open it
+                f.write(self.edid)
+        threading.Thread(target=feed, daemon=True).start()
+        return path
+
+    def fill(self, text):
+        if "{fed_fifo}" in text:
+            text = text.replace("{fed_fifo}", self.fed_fifo())
+        for name, value in self.names.items():
+            text = text.replace("{%s}" % name, value)
+        return text
 
 
 # The rows of a TSV file in DATA_DIR; lines starting with '#' are comments.
@@ -105,12 +150,19 @@ class VistrelctlTest(unittest.TestCase):
                             self.assertRegex(result["stderr"], r"^vistrelctl: [^\n]+\n$")
 
     def test_usage_errors_help_and_log(self):
-        for args, code, message in table("usage-errors.tsv"):
-            args, message = (s.replace("{edid_dir}", EDID_DIR) for s in (args, message))
-            for json_out in ([], ["--json"]):
-                with self.subTest(args=args, json=json_out):
-                    self.assertEqual(run(json_out + args.split()),
-                                     (int(code), "", "vistrelctl: " + message + "\n"))
+        inputs = Inputs()
+        self.addCleanup(shutil.rmtree, inputs.dir)
+        rows = [(json_out, args, code, message) for args, code, message in table("usage-errors.tsv")
+                for json_out in ([], ["--json"])]
+
+        def check(row):
+            json_out, args, code, message = row
+            expected = (int(code), "", "vistrelctl: " + inputs.fill(message) + "\n")
+            return run(json_out + inputs.fill(args).split()), expected
+        with concurrent.futures.ThreadPoolExecutor(4) as pool:
+            for row, (got, expected) in zip(rows, pool.map(check, rows)):
+                with self.subTest(args=row[1], json=row[0]):
+                    self.assertEqual(got, expected)
         code, out, err = run(["--help"])
         self.assertEqual((code, out, err), (0, golden("help.txt", out), ""))
         # The built-in TV, an EDID named with --edid=, and the library's log on stderr only.
@@ -121,6 +173,19 @@ class VistrelctlTest(unittest.TestCase):
         self.assertEqual((code, json.loads(out)), (0, caps["stdout"]))
         for tag in ("HDMI-HIDL-Vistrel", "HdmiUtilEmulator"):
             self.assertIn(tag, err)
+
+    def test_a_standard_output_without_reader_is_one_error(self):
+        # The tool's own writes (at the end, and row by row) and the service's dump into it.
+        for args in (["--help"], ["--json", "formats"], ["events", "--cycles", "1"], ["dump"]):
+            with self.subTest(args=args):
+                r, w = os.pipe()
+                os.close(r)
+                try:
+                    got = run(args, stdout=w, stderr=subprocess.PIPE)
+                finally:
+                    os.close(w)
+                self.assertEqual(got, (1, None, "vistrelctl: cannot write to standard output: "
+                                                "Broken pipe\n"))
 
 
 if __name__ == "__main__":

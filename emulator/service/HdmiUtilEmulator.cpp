@@ -19,14 +19,10 @@
 #include "HdmiUtilEmulator.h"
 
 #include <cutils/properties.h>
-#include <errno.h>
 #include <log/log.h>
-#include <string.h>
 #include <time.h>
 
-#include <fstream>
-#include <iterator>
-
+#include "EdidFile.h"
 #include "EmulatorText.h"
 
 namespace mirova::emulator {
@@ -70,17 +66,8 @@ sp<HdmiUtilEmulator> HdmiUtilEmulator::fromEdid(const std::vector<uint8_t>& edid
 }
 
 sp<HdmiUtilEmulator> HdmiUtilEmulator::fromFile(const std::string& path, std::string* error) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        if (error != nullptr) *error = "cannot read EDID file " + path + ": " + strerror(errno);
-        return nullptr;
-    }
-    std::vector<uint8_t> edid((std::istreambuf_iterator<char>(in)),
-                              std::istreambuf_iterator<char>());
-    if (in.bad()) {
-        if (error != nullptr) *error = "cannot read EDID file " + path;
-        return nullptr;
-    }
+    std::vector<uint8_t> edid;
+    if (!readEdidFile(path, &edid, error)) return nullptr;
     return fromEdid(edid, error);
 }
 

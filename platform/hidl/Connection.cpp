@@ -43,6 +43,32 @@ namespace host {
 
 using ::android::hidl::base::V1_0::IBase;
 
+namespace {
+
+// Connection numbers: unique in the process, never reused.
+std::atomic<uint64_t> gNextConnection{1};
+
+// The call the current thread serves.
+thread_local const CallContext* tServing = nullptr;
+
+// Marks the current thread as serving `context` for its lifetime.
+class ServingScope {
+  public:
+    explicit ServingScope(const CallContext* context) : mOuter(tServing) { tServing = context; }
+    ~ServingScope() { tServing = mOuter; }
+    ServingScope(const ServingScope&) = delete;
+    ServingScope& operator=(const ServingScope&) = delete;
+
+  private:
+    const CallContext* const mOuter;
+};
+
+}  // namespace
+
+const CallContext* servingCall() {
+    return tServing;
+}
+
 struct Connection::Impl {
     struct Exported {
         wp<IBase> object;
@@ -53,7 +79,8 @@ struct Connection::Impl {
     bool serving = false;
     sp<IBase> service;  // the serving side's object 0
     std::string serviceDescriptor;
-    pid_t peerPid = 0;
+    CallContext peer;       // the peer's credentials and this connection's number
+    ConnectionEnded ended;  // the serving side's listener for this connection's end
     std::atomic<bool> alive{true};
     std::atomic<bool> closing{false};
     std::vector<char> buffer = std::vector<char>(sizeof(FrameHeader) + kMaxFrameBytes + 1);
@@ -99,20 +126,25 @@ sp<Connection> Connection::forClient(int fd) {
     impl->wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     ucred cred{};
     socklen_t size = sizeof(cred);
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) == 0) impl->peerPid = cred.pid;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) == 0) {
+        impl->peer.callerPid = cred.pid;
+        impl->peer.callerUid = cred.uid;
+    }
+    impl->peer.connection = gNextConnection++;
     sp<Connection> connection = new Connection(std::move(impl));
     connection->start();
     return connection;
 }
 
 sp<Connection> Connection::forService(int fd, const sp<IBase>& service, const char* descriptor,
-                                      pid_t peerPid) {
+                                      const ucred& peer, ConnectionEnded ended) {
     auto impl = std::make_unique<Impl>();
     impl->fd = fd;
     impl->serving = true;
     impl->service = service;
     impl->serviceDescriptor = descriptor;
-    impl->peerPid = peerPid;
+    impl->peer = {peer.pid, peer.uid, gNextConnection++};
+    impl->ended = std::move(ended);
     sp<Connection> connection = new Connection(std::move(impl));
     connection->start();
     return connection;
@@ -133,6 +165,7 @@ void hangUp(Connection::Impl* c) {
     }
     const std::vector<DeathLinks::Link> links = c->deathLinks.die();
     if (!c->closing) DeathLinks::tell(links);
+    if (c->ended) c->ended(c->peer.connection);
 }
 
 }  // namespace
@@ -160,7 +193,8 @@ static bool handleIncoming(Connection* self, Connection::Impl* c, Frame& frame) 
     if (target != nullptr && codec != nullptr) {
         WireIn in(self, std::move(frame.body), std::move(frame.fds));
         frame.fds.clear();
-        status = codec->dispatch(target, frame.header.code, in, &out, CallContext{c->peerPid});
+        ServingScope serving(&c->peer);
+        status = codec->dispatch(target, frame.header.code, in, &out, c->peer);
         if (status == BAD_VALUE) return false;
     }
     if (frame.header.kind != kCall) return true;
@@ -223,17 +257,17 @@ void Connection::start() {
             }
             if (got != Received::kFrame) {
                 if (got == Received::kMalformed && c->alive && !c->closing) {
-                    ALOGW("peer %d sent a malformed frame: hanging up", c->peerPid);
+                    ALOGW("peer %d sent a malformed frame: hanging up", c->peer.callerPid);
                 }
                 break;
             }
             // Replies go to callers only; anything else is handed on here.
             if (frame.header.kind == kReply) {
-                ALOGW("peer %d sent a reply nobody asked for: hanging up", c->peerPid);
+                ALOGW("peer %d sent a reply nobody asked for: hanging up", c->peer.callerPid);
                 break;
             }
             if (!handleIncoming(self.get(), c, frame)) {
-                ALOGW("peer %d sent arguments that do not decode: hanging up", c->peerPid);
+                ALOGW("peer %d sent arguments that do not decode: hanging up", c->peer.callerPid);
                 break;
             }
         }
@@ -345,7 +379,7 @@ Status Connection::post(uint32_t object, uint32_t code, const WireOut& args) {
     queue.unlock();
     // The peer has stopped reading: it is given up rather than waited for or
     // left to grow the queue. It sees a hang-up, as after this side's death.
-    ALOGW("peer %d stopped reading (%zu frames waiting): hanging up", c->peerPid,
+    ALOGW("peer %d stopped reading (%zu frames waiting): hanging up", c->peer.callerPid,
           kMaxClientBacklog);
     shutdown(c->fd, SHUT_RDWR);
     return Status::fromStatusT(DEAD_OBJECT);
@@ -392,7 +426,11 @@ bool Connection::isAlive() const {
 }
 
 pid_t Connection::peerPid() const {
-    return mImpl->peerPid;
+    return mImpl->peer.callerPid;
+}
+
+uint64_t Connection::number() const {
+    return mImpl->peer.connection;
 }
 
 void Connection::close() {

@@ -21,6 +21,7 @@
 #include <hidl/HostServiceRegistry.h>
 #include <hidl/HostTransport.h>
 #include <log/log.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
@@ -30,6 +31,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <mutex>
 #include <thread>
 
 namespace android {
@@ -67,8 +69,15 @@ bool addressOf(const std::string& path, sockaddr_un* address) {
     return true;
 }
 
-// Creates `dir` and its missing parents, owner only.
-bool makeOwnerOnlyDir(const std::string& dir, std::string* error) {
+// The folder's path without trailing slashes: with one, a final symbolic link
+// would be followed.
+std::string withoutTrailingSlash(std::string dir) {
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+    return dir;
+}
+
+// Creates what is missing of `dir` and its parents, owner only.
+bool makeMissing(const std::string& dir, std::string* error) {
     for (size_t at = 1; at <= dir.size(); ++at) {
         if (at != dir.size() && dir[at] != '/') continue;
         const std::string part = dir.substr(0, at);
@@ -77,29 +86,134 @@ bool makeOwnerOnlyDir(const std::string& dir, std::string* error) {
             return false;
         }
     }
-    struct stat info {};
-    if (stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-        *error = dir + " is not a folder";
-        return false;
-    }
-    if ((info.st_mode & 077) != 0) {
-        ALOGW("%s is open to other users; its sockets are not", dir.c_str());
-    }
     return true;
+}
+
+// What makes `info`, of the folder or file `path`, unsafe to serve in: it is
+// not ours, or others may write in it (and so replace what it holds) or read
+// it. "" when it is safe.
+std::string unsafe(const std::string& path, const struct stat& info) {
+    const uid_t me = geteuid();
+    char why[160];
+    if (info.st_uid != me) {
+        snprintf(why, sizeof(why), "owned by uid %u, not by you (uid %u)", info.st_uid, me);
+    } else if ((info.st_mode & 077) != 0) {
+        snprintf(why, sizeof(why), "open to group or others (mode %04o)", info.st_mode & 07777);
+    } else {
+        return "";
+    }
+    return path + ": " + why + ": refusing it";
+}
+
+// Opens the socket folder once, creating it owner-only when absent, and checks
+// it through its descriptor: a real folder (a symbolic link is not followed),
+// owned by this process's user, closed to everybody else. -1, with one line
+// that names the folder in *error, when it is unsafe.
+int openSocketFolder(const std::string& path, std::string* error) {
+    const std::string dir = withoutTrailingSlash(path);
+    if (!makeMissing(dir, error)) return -1;
+    const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        struct stat link {};
+        const bool isLink = lstat(dir.c_str(), &link) == 0 && S_ISLNK(link.st_mode);
+        const char* what = isLink             ? "a symbolic link, not a folder"
+                           : errno == ENOTDIR ? "not a folder"
+                                              : strerror(errno);
+        *error = dir + ": " + what + ": refusing it";
+        return -1;
+    }
+    struct stat info {};
+    *error = fstat(fd, &info) != 0 ? dir + ": " + strerror(errno) : unsafe(dir, info);
+    if (error->empty()) return fd;
+    ::close(fd);
+    return -1;
+}
+
+// Opens (or creates) the lock file `name` in the checked folder without
+// following a symbolic link, and checks it is a regular file of ours: the
+// pid written into it lands in nothing else.
+int openLockFile(int folder, const std::string& name, const std::string& path, std::string* error) {
+    const int fd = openat(folder, name.c_str(),
+                          O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        *error = path + ": " +
+                 (errno == ELOOP ? "a symbolic link, not a lock file" : strerror(errno)) +
+                 ": refusing it";
+        return -1;
+    }
+    struct stat info {};
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        *error = path + ": not a regular file: refusing it";
+    } else {
+        *error = unsafe(path, info);
+    }
+    if (error->empty()) return fd;
+    ::close(fd);
+    return -1;
+}
+
+// Connects to the socket at `address`; -1 when nobody answers there.
+int connectTo(const sockaddr_un& address) {
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Why the service on connected socket `fd` (at `path`) is not to be trusted,
+// or "" when it is: only a service run by this process's user, or by root, is.
+// Anybody who can write in the socket folder could serve an impostor there.
+std::string refusalOf(int fd, const std::string& path) {
+    ucred cred{};
+    socklen_t size = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) {
+        return path + ": its server is unknown (" + strerror(errno) + "): refusing it";
+    }
+    const uid_t me = geteuid();
+    if (cred.uid == me || cred.uid == 0) return "";
+    char why[160];
+    snprintf(why, sizeof(why), "served by uid %u (pid %d), not by you (uid %u) or root", cred.uid,
+             cred.pid, me);
+    return path + ": " + why + ": refusing it";
+}
+
+// Logs a refusal once: lookups are repeated while a client waits for a service.
+void logRefusal(const std::string& refusal) {
+    static std::mutex lock;
+    static std::string last;
+    std::lock_guard<std::mutex> guard(lock);
+    if (refusal == last) return;
+    last = refusal;
+    ALOGE("%s", refusal.c_str());
+}
+
+// Connects to the service at `address` and keeps the connection only when its
+// server is trusted; -1 otherwise, with a refusal in *refusal.
+int connectTrusted(const std::string& path, const sockaddr_un& address, std::string* refusal) {
+    const int fd = connectTo(address);
+    if (fd < 0) return -1;
+    *refusal = refusalOf(fd, path);
+    if (refusal->empty()) return fd;
+    logRefusal(*refusal);
+    ::close(fd);
+    return -1;
 }
 
 }  // namespace
 
-sp<IBase> connectService(const std::string& descriptor, const std::string& instance) {
+sp<IBase> connectService(const std::string& descriptor, const std::string& instance,
+                         std::string* refusal) {
+    std::string ignored;
+    if (refusal == nullptr) refusal = &ignored;
+    refusal->clear();
     const InterfaceCodec* codec = codecFor(descriptor);
+    const std::string path = socketPath(descriptor, instance);
     sockaddr_un address;
-    if (codec == nullptr || !addressOf(socketPath(descriptor, instance), &address)) return nullptr;
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (codec == nullptr || !addressOf(path, &address)) return nullptr;
+    const int fd = connectTrusted(path, address, refusal);
     if (fd < 0) return nullptr;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        ::close(fd);
-        return nullptr;
-    }
     return codec->makeProxy(Connection::forClient(fd), 0);
 }
 
@@ -119,14 +233,12 @@ void watchService(const std::string& descriptor, const std::string& instance,
                                            now.st_ctim.tv_sec != seen.st_ctim.tv_sec ||
                                            now.st_ctim.tv_nsec != seen.st_ctim.tv_nsec);
             if (fresh) {
-                const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-                const bool answers = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address),
-                                                        sizeof(address)) == 0;
+                // A server that a lookup would refuse is seen, not announced.
+                std::string refusal;
+                const int fd = connectTrusted(path, address, &refusal);
                 if (fd >= 0) ::close(fd);
-                if (answers) {
-                    seen = now;
-                    announce(first);
-                }
+                if (fd >= 0 || !refusal.empty()) seen = now;
+                if (fd >= 0) announce(first);
             }
             first = false;
             std::this_thread::sleep_for(std::chrono::milliseconds(kWatchPollMs));
@@ -134,50 +246,73 @@ void watchService(const std::string& descriptor, const std::string& instance,
     }).detach();
 }
 
-status_t serveService(const std::string& descriptor, const std::string& instance,
-                      std::string* error) {
-    std::string ignored;
-    if (error == nullptr) error = &ignored;
+namespace {
+
+// Takes the name descriptor/instance in the socket folder and listens on its
+// socket: the folder is checked first, then the lock file says who serves the
+// name (the kernel drops the lock with its holder, so a killed server leaves
+// only a stale socket behind, replaced here). The socket's entry is replaced
+// and bound only in a folder that nobody else can write in. The listener, or
+// -1 with *status and *error set.
+int listenInFolder(const std::string& descriptor, const std::string& instance, status_t* status,
+                   std::string* error) {
+    const std::string name = descriptor + "-" + instance;
     const std::string path = socketPath(descriptor, instance);
     sockaddr_un address;
+    *status = PERMISSION_DENIED;
     if (!addressOf(path, &address)) {
+        *status = BAD_VALUE;
         *error = "socket path too long: " + path;
-        return BAD_VALUE;
+        return -1;
     }
-    if (!makeOwnerOnlyDir(socketDir(), error)) return PERMISSION_DENIED;
-
-    // The lock file says who serves the name; the kernel drops the lock with
-    // its holder, so a killed server leaves only a stale socket behind.
+    const int folder = openSocketFolder(socketDir(), error);
+    if (folder < 0) return -1;
     const std::string lockPath = path + ".lock";
-    const int lock = open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int lock = openLockFile(folder, name + ".lock", lockPath, error);
     if (lock < 0) {
-        *error = "cannot open " + lockPath + ": " + strerror(errno);
-        return PERMISSION_DENIED;
+        ::close(folder);
+        return -1;
     }
     if (flock(lock, LOCK_EX | LOCK_NB) != 0) {
         char holder[32] = {};
         const ssize_t n = pread(lock, holder, sizeof(holder) - 1, 0);
         ::close(lock);
+        ::close(folder);
+        *status = ALREADY_EXISTS;
         *error = "another process (pid " + std::string(n > 0 ? holder : "?") + ") already serves " +
                  instance + " on " + path;
-        return ALREADY_EXISTS;
+        return -1;
     }
     const std::string pid = std::to_string(getpid());
     if (ftruncate(lock, 0) != 0 || pwrite(lock, pid.c_str(), pid.size(), 0) < 0) {
         ALOGW("cannot record the pid in %s", lockPath.c_str());
     }
-    unlink(path.c_str());  // a killed server's socket
+    unlinkat(folder, name.c_str(), 0);  // a killed server's socket
 
     const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) ||
-        chmod(path.c_str(), 0600) != 0 || listen(listener, 16) != 0) {
+        fchmodat(folder, name.c_str(), 0600, 0) != 0 || listen(listener, 16) != 0) {
+        *status = UNKNOWN_ERROR;
         *error = "cannot listen on " + path + ": " + strerror(errno);
         if (listener >= 0) ::close(listener);
         ::close(lock);
-        return UNKNOWN_ERROR;
+        ::close(folder);
+        return -1;
     }
-    // The lock is held for the rest of the process's life.
-    std::thread([descriptor, instance, listener] {
+    ::close(folder);
+    return listener;  // the lock is held for the rest of the process's life
+}
+
+}  // namespace
+
+status_t serveService(const std::string& descriptor, const std::string& instance,
+                      std::string* error, ConnectionEnded ended) {
+    std::string ignored;
+    if (error == nullptr) error = &ignored;
+    status_t status = OK;
+    const int listener = listenInFolder(descriptor, instance, &status, error);
+    if (listener < 0) return status;
+    std::thread([descriptor, instance, listener, ended = std::move(ended)] {
         for (;;) {
             const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) {
@@ -196,7 +331,7 @@ status_t serveService(const std::string& descriptor, const std::string& instance
                 continue;
             }
             ALOGD("client pid %d connected", cred.pid);
-            Connection::forService(fd, service, descriptor.c_str(), cred.pid);
+            Connection::forService(fd, service, descriptor.c_str(), cred, ended);
         }
     }).detach();
     return OK;

@@ -18,21 +18,49 @@
 
 #define LOG_TAG "vistrelctl"
 
+#include <errno.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <functional>
 
 #include "Commands.h"
 #include "Names.h"
+#include "ServiceWatch.h"
 
 namespace mirova::vistrelctl {
 
+namespace {
+
+// The sink's EDID in hex; empty when none is plugged.
+std::string edidHex() {
+    _HDMITVCapInfo cap;
+    if (hdmi_getTVCapInfo(&cap) != 0 || cap.capWord3 <= 0 || cap.capWord3 > 256 * 128) return "";
+    std::vector<uint8_t> edid(static_cast<size_t>(cap.capWord3));
+    if (hdmi_getEDIDRawData(edid.data(), cap.capWord3) != 0) return "";
+    std::string hex;
+    char byte[3];
+    for (uint8_t b : edid) {
+        snprintf(byte, sizeof(byte), "%02x", b);
+        hex += byte;
+    }
+    return hex;
+}
+
+}  // namespace
+
 void EventSink::onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
                             int64_t param4) {
+    const auto at = std::chrono::steady_clock::now();
+    // Read here, on the library's worker, as the event arrives: the tool's own
+    // thread never waits in the library for a service that has gone.
+    const bool newSink = mCaptureEdids && (event == emulator::kEventHotPlug ||
+                                           event == emulator::kEventEdidChange);
+    std::string edid = newSink ? edidHex() : "";
     std::lock_guard<std::mutex> guard(mLock);
-    mEvents.push_back({{event, param1, param2, param3, param4}, std::chrono::steady_clock::now()});
+    mEvents.push_back({{event, param1, param2, param3, param4}, at, std::move(edid)});
     mArrived.notify_all();
 }
 
@@ -57,21 +85,6 @@ void onInterrupt(int /*signal*/) {
 
 // How often a follower looks for an interruption while no event comes.
 constexpr int kFollowPollMs = 200;
-
-// The sink's EDID in hex; empty when none is plugged.
-std::string edidHex() {
-    _HDMITVCapInfo cap;
-    if (hdmi_getTVCapInfo(&cap) != 0 || cap.capWord3 <= 0 || cap.capWord3 > 256 * 128) return "";
-    std::vector<uint8_t> edid(static_cast<size_t>(cap.capWord3));
-    if (hdmi_getEDIDRawData(edid.data(), cap.capWord3) != 0) return "";
-    std::string hex;
-    char byte[3];
-    for (uint8_t b : edid) {
-        snprintf(byte, sizeof(byte), "%02x", b);
-        hex += byte;
-    }
-    return hex;
-}
 
 // The first line of a recording: the state the events alone do not show, for
 // a replay to start from (vistrelctl tv replay; its format: Recording.h).
@@ -100,8 +113,11 @@ int followEvents(Context& ctx) {
                "param4");
     } else {
         printRecordingHeader();
+        ctx.events->captureEdids();
     }
-    fflush(stdout);
+    if (!flushOutput(&ctx.error)) return kExitFailure;
+    // From here on the tool waits for events on its own, not in the library.
+    if (ctx.watch != nullptr) ctx.watch->idle();
     while (!gInterrupted) {
         if (!ctx.events->waitForCount(seen + 1, kFollowPollMs)) continue;
         const std::vector<EventSink::Received> all = ctx.events->events();
@@ -111,8 +127,7 @@ int followEvents(Context& ctx) {
                     std::chrono::duration_cast<std::chrono::microseconds>(all[seen].at - start)
                             .count();
             if (ctx.json) {
-                const bool newSink = e.event == emulator::kEventHotPlug || e.event == emulator::kEventEdidChange;
-                const std::string edid = newSink ? edidHex() : "";
+                const std::string& edid = all[seen].edid;
                 printf("{\"t_us\": %lld, \"event\": %d, \"name\": \"%s\", \"param1\": %d, "
                        "\"param2\": %d, \"param3\": %d, \"param4\": %lld%s%s%s}\n",
                        us, e.event, eventName(e.event).c_str(), e.param1, e.param2, e.param3,
@@ -122,7 +137,7 @@ int followEvents(Context& ctx) {
                 printf("%10.3f  %-14s %8d %8d %8d  %lld\n", us / 1000.0, eventName(e.event).c_str(),
                        e.param1, e.param2, e.param3, static_cast<long long>(e.param4));
             }
-            fflush(stdout);
+            if (!flushOutput(&ctx.error)) return kExitFailure;
         }
     }
     return kExitOk;
@@ -200,7 +215,7 @@ int runEvents(Context& ctx) {
                 printf("%10.3f  %-12s %-14s %8d %8d %8d  %lld\n", ms, action.c_str(),
                        eventName(e.event).c_str(), e.param1, e.param2, e.param3,
                        static_cast<long long>(e.param4));
-                fflush(stdout);
+                if (!flushOutput(&ctx.error)) return kExitFailure;
             }
         }
         seen = expected;
@@ -218,8 +233,13 @@ int runDump(Context& ctx) {
         return ctx.fail(kExitUsage, "dump: no argument, or '--cmd N' expected");
     }
     if (a.empty() && !ctx.json) {
-        fflush(stdout);
+        if (!flushOutput(&ctx.error)) return kExitFailure;
         hdmi_dumpState(STDOUT_FILENO);  // the descriptor stays ours
+        // The service wrote, not the tool: a reader gone means a lost report.
+        if (outputReaderGone()) {
+            return ctx.fail(kExitFailure,
+                            std::string("cannot write to standard output: ") + strerror(EPIPE));
+        }
         return kExitOk;
     }
     FILE* file = tmpfile();

@@ -18,7 +18,11 @@
 
 #include "Report.h"
 
+#include <errno.h>
+#include <poll.h>
 #include <stdio.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -247,6 +251,22 @@ void Value::appendTable(std::string* out, int indent) const {
         }
         out->append(line.substr(0, line.find_last_not_of(' ') + 1) + "\n");
     }
+}
+
+// ---------------------------------------------------------------------------
+// Standard output
+
+bool flushOutput(std::string* why) {
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) return true;
+    // Called right after the writes: errno is the failed write's, or the flush's.
+    *why = std::string("cannot write to standard output: ") +
+           (errno != 0 ? strerror(errno) : "a write failed");
+    return false;
+}
+
+bool outputReaderGone() {
+    pollfd out{STDOUT_FILENO, POLLOUT, 0};
+    return poll(&out, 1, 0) == 1 && (out.revents & POLLERR) != 0;
 }
 
 }  // namespace mirova::vistrelctl

@@ -69,4 +69,12 @@ class Value {
     std::vector<std::string> mKeys;  // object member names
 };
 
+// Flushes standard output. False, with the reason in *why, when a write to it
+// has failed (a pipe whose reader has gone, a full disk).
+bool flushOutput(std::string* why);
+// Whether standard output is a pipe whose reader has gone: what another
+// process wrote into it (the service's dump) was lost, though no write of
+// the tool's own failed.
+bool outputReaderGone();
+
 }  // namespace mirova::vistrelctl

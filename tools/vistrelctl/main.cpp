@@ -25,13 +25,16 @@
 
 #include <Vistrel.h>
 #include <android/log.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Commands.h"
+#include "ServiceWatch.h"
 #ifdef VISTRELCTL_EMULATED
 #include <cutils/properties.h>
 #include <hidl/HostTransport.h>
@@ -39,7 +42,9 @@
 
 #include "ControlChannel.h"
 #include "DefaultEdid.h"
+#include "EdidFile.h"
 #include "HdmiUtilEmulator.h"
+#include "SinkProfile.h"
 #include "TvPrograms.h"
 #endif
 
@@ -92,8 +97,8 @@ constexpr const char* kUsage =
         "  tv plug | tv unplug | tv edid FILE\n"
         "                                 work the running vistrel-hdmid's TV (edid: swap\n"
         "                                 the TV for the one of FILE)\n"
-        "  tv script FILE                 run a scenario script on that TV (the format:\n"
-        "                                 docs/SCENARIOS.md)\n"
+        "  tv script FILE                 run a scenario script on that TV (its format:\n"
+        "                                 README, \"Scenario scripts\")\n"
         "  tv replay FILE [--speed X]     play back a recording of 'events --follow --json'\n"
         "                                 to every client, at its spacing divided by X\n"
 #endif
@@ -142,13 +147,27 @@ int error(int code, const std::string& message) {
     return code;
 }
 
+// Prints what the command found, or why it failed (the command's failure
+// first, then a failed write); the exit code.
+int finish(Context& ctx, int code) {
+    if (code == kExitOk && ctx.report.kind() != Value::Kind::kNull) {
+        fputs((ctx.json ? ctx.report.toJson() : ctx.report.toText()).c_str(), stdout);
+    }
+    std::string why;
+    const bool written = flushOutput(&why);
+    if (code != kExitOk) return error(code, ctx.error);
+    return written ? kExitOk : error(kExitFailure, why);
+}
+
 #ifdef VISTRELCTL_EMULATED
 constexpr const char* kServiceStartProperty = "vendor.mirova.hdmi.service.start";
 
-// Whether a vistrel-hdmid serves the socket folder.
-bool daemonAnswers() {
+// Whether a vistrel-hdmid serves the socket folder; one that runs as another
+// user (not root) is refused, and *refusal says why.
+bool daemonAnswers(std::string* refusal) {
     using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
-    return ::android::hardware::host::connectService(IHdmiUtil::descriptor, "default") != nullptr;
+    return ::android::hardware::host::connectService(IHdmiUtil::descriptor, "default", refusal) !=
+           nullptr;
 }
 
 // tv plug | tv unplug | tv edid FILE: the running daemon's TV.
@@ -158,14 +177,13 @@ int runTv(const std::vector<std::string>& args) {
     if (args.size() == 1 && (args[0] == "plug" || args[0] == "unplug")) {
         command = args[0];
     } else if (args.size() == 2 && args[0] == "edid") {
+        // Read once (a pipe gives its bytes once) and checked before the daemon sees them.
         std::string why;
-        if (emulator::HdmiUtilEmulator::fromFile(args[1], &why) == nullptr) {
-            return error(kExitFailure, why.rfind("malformed", 0) == 0 ? args[1] + ": " + why : why);
+        emulator::SinkProfile sink;
+        if (!emulator::readEdidFile(args[1], &edid, &why)) return error(kExitFailure, why);
+        if (!emulator::SinkProfile::build(edid, &sink, &why)) {
+            return error(kExitFailure, args[1] + ": " + why);
         }
-        FILE* file = fopen(args[1].c_str(), "rb");
-        int c;
-        while (file != nullptr && (c = fgetc(file)) != EOF) edid.push_back(static_cast<uint8_t>(c));
-        if (file != nullptr) fclose(file);
         command = "edid\n";
     } else {
         return error(kExitUsage, "tv: 'plug', 'unplug' or 'edid FILE' expected");
@@ -207,7 +225,8 @@ int run(int argc, char** argv) {
     }
     if (help) {
         fputs(kUsage, stdout);
-        return kExitOk;
+        std::string why;
+        return flushOutput(&why) ? kExitOk : error(kExitFailure, why);
     }
     if (words.empty()) return error(kExitUsage, "no command given (see --help)");
 #ifdef VISTRELCTL_EMULATED
@@ -235,7 +254,9 @@ int run(int argc, char** argv) {
     // here as the real service starts.
     std::string why;
     ::android::sp<emulator::HdmiUtilEmulator> service;
-    const bool client = edidPath.empty() && daemonAnswers();
+    std::string refusal;
+    const bool client = edidPath.empty() && daemonAnswers(&refusal);
+    if (!refusal.empty()) return error(kExitFailure, refusal);
     if (client) {
         fprintf(stderr, "vistrelctl: using vistrel-hdmid on %s\n",
                 ::android::hardware::host::socketDir().c_str());
@@ -253,6 +274,16 @@ int run(int argc, char** argv) {
     }
 #endif
 
+    // A client of another process's service may wait for it in the library:
+    // watched from here on.
+    std::unique_ptr<ServiceWatch> watch;
+#ifdef VISTRELCTL_EMULATED
+    if (client) {
+        watch = std::make_unique<ServiceWatch>([] { return daemonAnswers(nullptr); },
+                                               ::android::hardware::host::socketDir());
+    }
+#endif
+
     EventSink events;
     hdmi_createLib(nullptr, &events);
     hdmi_setCallback();
@@ -262,28 +293,33 @@ int run(int argc, char** argv) {
     ctx.service = service;
 #endif
     ctx.events = &events;
+    ctx.watch = watch.get();
     ctx.args.assign(words.begin() + 1, words.end());
     ctx.json = json;
-    const int code = command(ctx);
+    // Everything is printed before the release, which the watch may cut short.
+    const int code = finish(ctx, command(ctx));
 
-    hdmi_removeCallback();
-    hdmi_releaseLib();
+    const auto release = [] {
+        hdmi_removeCallback();
+        hdmi_releaseLib();
+    };
+    if (watch != nullptr) {
+        watch->release(release, code);
+    } else {
+        release();
+    }
 #ifdef VISTRELCTL_EMULATED
     if (service != nullptr) service->shutdown();
 #endif
-
-    if (code != kExitOk) return error(code, ctx.error);
-    if (json && ctx.report.kind() != Value::Kind::kNull) {
-        fputs(ctx.report.toJson().c_str(), stdout);
-    } else if (!json && ctx.report.kind() != Value::Kind::kNull) {
-        fputs(ctx.report.toText().c_str(), stdout);
-    }
-    return kExitOk;
+    return code;
 }
 
 }  // namespace
 }  // namespace mirova::vistrelctl
 
 int main(int argc, char** argv) {
+    // A closed pipe on stdout (or on a descriptor passed to the service) is a
+    // failed write the tool reports, not a reason to die.
+    signal(SIGPIPE, SIG_IGN);
     return mirova::vistrelctl::run(argc, argv);
 }

@@ -34,6 +34,7 @@
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
 #include <stdint.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
@@ -58,10 +59,25 @@ constexpr size_t kMaxFrameFds = 4;
 // Frames a serving side queues for one client before it gives the client up.
 constexpr size_t kMaxClientBacklog = 256;
 
-// What the serving side knows of a call beyond its arguments.
+// What the serving side knows of a call beyond its arguments: the caller's
+// credentials as the kernel gave them when its connection was opened, and the
+// connection's number (unique in this process, never reused). A connection
+// may outlive the process that opened it, so the number, not the pid, says
+// which client made a call.
 struct CallContext {
     pid_t callerPid = 0;
+    uid_t callerUid = 0;
+    uint64_t connection = 0;
 };
+
+// The call this thread is serving, or null outside a served call. Valid until
+// the served method returns.
+const CallContext* servingCall();
+
+// Told, with its number, that a connection to a served service has ended (the
+// peer hung up, died or was hung up on), once that connection's death
+// recipients have run. Called on a transport thread, never under its locks.
+using ConnectionEnded = std::function<void(uint64_t connection)>;
 
 // The arguments or results of one frame, being written.
 struct WireOut {
@@ -122,23 +138,30 @@ std::string socketDir();
 // The socket of a service in the socket folder.
 std::string socketPath(const std::string& descriptor, const std::string& instance);
 
-// A proxy for the service in another process, or null when none answers.
+// A proxy for the service in another process, or null when none answers or
+// when the one that answers is run by a user other than this process's or
+// root: then *refusal (when given) says why, and the refusal is logged once.
 // Never waits.
 sp<::android::hidl::base::V1_0::IBase> connectService(const std::string& descriptor,
-                                                      const std::string& instance);
+                                                      const std::string& instance,
+                                                      std::string* refusal = nullptr);
 
 // Serves the service registered in this process as descriptor/instance to
 // other processes until the process ends. Creates the socket folder (owner
-// only) when missing. Fails with ALREADY_EXISTS, and a message in *error,
-// when another live process serves the same name; a socket left behind by a
-// killed server is replaced.
+// only) when missing; an existing one must be a folder (not a symbolic link)
+// of this process's user closed to all others, else PERMISSION_DENIED with a
+// line naming it in *error. Fails with ALREADY_EXISTS, and a message in
+// *error, when another live process serves the same name; a socket left
+// behind by a killed server is replaced. `ended`, when given, learns of each
+// connection's end.
 status_t serveService(const std::string& descriptor, const std::string& instance,
-                      std::string* error);
+                      std::string* error, ConnectionEnded ended = nullptr);
 
 // Watches the socket folder for new registrations of descriptor/instance by
 // other processes, on a thread of its own: `announce(preexisting)` is called
 // for the one found at the start (preexisting) and for each new one (a
-// restarted server), for as long as `watcher` lives.
+// restarted server), for as long as `watcher` lives. A server that
+// connectService would refuse is not announced.
 void watchService(const std::string& descriptor, const std::string& instance,
                   const wp<::android::hidl::base::V1_0::IBase>& watcher,
                   std::function<void(bool preexisting)> announce);
@@ -156,9 +179,11 @@ class Connection : public virtual RefBase {
   public:
     // The client side, for a connected socket.
     static sp<Connection> forClient(int fd);
-    // The serving side, for an accepted socket: calls to object 0 reach `service`.
+    // The serving side, for an accepted socket whose peer the kernel described
+    // as `peer`: calls to object 0 reach `service`; `ended` learns of its end.
     static sp<Connection> forService(int fd, const sp<::android::hidl::base::V1_0::IBase>& service,
-                                     const char* descriptor, pid_t peerPid);
+                                     const char* descriptor, const ucred& peer,
+                                     ConnectionEnded ended = nullptr);
     ~Connection() override;
 
     // A two-way call to object `object` of the other side (0: the service).
@@ -179,6 +204,8 @@ class Connection : public virtual RefBase {
     bool unlinkToDeath(const sp<hidl_death_recipient>& recipient);
     bool isAlive() const;
     pid_t peerPid() const;
+    // This connection's number in this process (CallContext::connection).
+    uint64_t number() const;
     // Hangs up without notifying anybody: this side is done with the connection.
     void close();
 
