@@ -125,7 +125,7 @@ class ScenarioTest(procs.ProcessTest):
 
     def assertRefused(self, command, path, line, message):
         code, _, err = self.ctl("tv", command, path, ok=False)
-        where = f"{path}:{line}: " if line else f"{path}: "
+        where = f"{path}:{line}: " if line else ""
         self.assertEqual((code, err.count("\n")), (1, 1), err)
         self.assertTrue(err.startswith(f"vistrelctl: tv {command}: {where}"), err)
         self.assertIn(message, err)
@@ -160,7 +160,7 @@ class ScenarioTest(procs.ProcessTest):
         for i, (text, line, message) in enumerate(BAD_SCRIPTS):
             with self.subTest(text[:40]):
                 self.assertRefused("script", self.write(f"bad{i}.scenario", text), line, message)
-        self.assertRefused("script", self.base, 0, "not a regular file")
+        self.assertRefused("script", self.base, 0, f"cannot read script {self.base}: a folder")
         self.ctl("tv", "unplug")  # the first events after all of them
         self.assertEqual(follower.wait_for(2), UNPLUG)
 

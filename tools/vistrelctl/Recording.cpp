@@ -27,7 +27,7 @@
 #include <sstream>
 #include <vector>
 
-#include "InputFile.h"
+#include "EdidFile.h"
 #include "SinkProfile.h"
 
 namespace mirova::vistrelctl {
@@ -321,8 +321,9 @@ class RecordingReader {
 
 bool compileRecording(const std::string& path, double speed, Program* program, std::string* error) {
     *program = Program();
-    std::string text;
-    if (!readInputFile(path, kMaxRecordingBytes, &text, error)) return false;
+    std::vector<uint8_t> bytes;
+    if (!emulator::readUserFile(path, "recording", kMaxRecordingBytes, "", &bytes, error)) return false;
+    const std::string text(bytes.begin(), bytes.end());
     RecordingReader reader(speed, program);
     std::istringstream in(text);
     std::string line;

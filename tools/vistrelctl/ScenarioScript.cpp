@@ -25,7 +25,7 @@
 #include <sstream>
 #include <vector>
 
-#include "InputFile.h"
+#include "EdidFile.h"
 #include "SinkProfile.h"
 
 namespace mirova::vistrelctl {
@@ -213,9 +213,9 @@ class ScriptParser {
             *index = known->second;
             return true;
         }
-        std::string bytes, why;
-        if (!readInputFile(path, 256 * 128, &bytes, &why)) return fail(why);
-        std::vector<uint8_t> edid(bytes.begin(), bytes.end());
+        std::vector<uint8_t> edid;
+        std::string why;
+        if (!emulator::readEdidFile(path, &edid, &why)) return fail(why);
         emulator::SinkProfile sink;
         if (!emulator::SinkProfile::build(edid, &sink, &why)) return fail(path + ": " + why);
         if (mProgram->edids.size() == emulator::kMaxProgramEdids) {
@@ -240,8 +240,9 @@ class ScriptParser {
 
 bool compileScript(const std::string& path, Program* program, std::string* error) {
     *program = Program();
-    std::string text;
-    if (!readInputFile(path, kMaxScriptBytes, &text, error)) return false;
+    std::vector<uint8_t> bytes;
+    if (!emulator::readUserFile(path, "script", kMaxScriptBytes, "", &bytes, error)) return false;
+    const std::string text(bytes.begin(), bytes.end());
     ScriptParser parser(path, program);
     std::vector<Step> steps;
     int64_t atUs = 0;
