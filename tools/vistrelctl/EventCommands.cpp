@@ -56,8 +56,8 @@ void EventSink::onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32
     const auto at = std::chrono::steady_clock::now();
     // Read here, on the library's worker, as the event arrives: the tool's own
     // thread never waits in the library for a service that has gone.
-    const bool newSink = mCaptureEdids && (event == emulator::kEventHotPlug ||
-                                           event == emulator::kEventEdidChange);
+    const bool newSink = mCaptureEdids &&
+                         (event == emulator::kEventHotPlug || event == emulator::kEventEdidChange);
     std::string edid = newSink ? edidHex() : "";
     std::lock_guard<std::mutex> guard(mLock);
     mEvents.push_back({{event, param1, param2, param3, param4}, at, std::move(edid)});

@@ -322,7 +322,8 @@ class RecordingReader {
 bool compileRecording(const std::string& path, double speed, Program* program, std::string* error) {
     *program = Program();
     std::vector<uint8_t> bytes;
-    if (!emulator::readUserFile(path, "recording", kMaxRecordingBytes, "", &bytes, error)) return false;
+    if (!emulator::readUserFile(path, "recording", kMaxRecordingBytes, "", &bytes, error))
+        return false;
     const std::string text(bytes.begin(), bytes.end());
     RecordingReader reader(speed, program);
     std::istringstream in(text);
