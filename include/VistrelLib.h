@@ -19,16 +19,19 @@
 //
 // Lock order, first to last; a thread holding a lock takes only later ones:
 //   the entry frame's mLibLock
-//   Vistrel::mLock            (callers; serviceDied, with the owner pinned)
+//   Vistrel::mLock            (callers; serviceDied and the recovery thread,
+//                              with the owner pinned)
 //   Vistrel::mTopoLock        (topology; taken without mLock by its own paths)
 //   HdmiControl::mCallbackLock
 //   HdmiControl::mServiceLock
 // HdmiControl::mOwnerLock is taken alone, or by handleEvent before the leaf
 // locks Vistrel::mEventLock and WorkerThread::mWaitLock, which are never held
 // together. Waits: the release joins the worker holding no lock of the
-// object (its callback may call in); detach() waits for death notices with
-// no lock held; the waits for the service hold mLock, and mCallbackLock or
-// mTopoLock where the operation took them, and need nothing but the service.
+// object (its callback may call in); detach() waits for death notices and
+// recovery attempts with no lock held; the release joins the recovery thread
+// holding mLock, which that thread no longer takes once detached; the waits
+// for the service hold mLock, and mCallbackLock or mTopoLock where the
+// operation took them, and need nothing but the service.
 
 #pragma once
 
@@ -50,6 +53,7 @@
 
 #include <atomic>
 #include <functional>
+#include <thread>
 
 namespace mirova {
 
@@ -60,6 +64,12 @@ class Vistrel;
 
 // The service client of one library object: holds the connection to the
 // service, registers for its events and hands arriving events to the owner.
+//
+// Recovery: while events are wanted (setCallback() until removeCallback()),
+// any loss of the service (a death notice, a refused linkToDeath, a
+// registration that meets a dead service) starts a recovery thread of this
+// object's own looking the service up every 100 ms, and at each registration
+// notice, until it is connected and registered again.
 class HdmiControl : public IHdmiUtilCallback,
                     public virtual ::android::hardware::hidl_death_recipient {
   public:
@@ -77,9 +87,7 @@ class HdmiControl : public IHdmiUtilCallback,
     ::android::sp<IHdmiUtil> getServiceRef() EXCLUDES(mServiceLock);
 
     void setCallback() EXCLUDES(mCallbackLock);
-    // A service instance was registered: one attempt to acquire it while
-    // events are wanted and none is held, so that events resume after a
-    // service restart without any call by the caller.
+    // A service instance was registered: a recovery in progress tries it at once.
     void serviceRegistered() EXCLUDES(mServiceLock);
     void removeCallback() EXCLUDES(mCallbackLock);
     // removeCallback() for a caller that already holds mCallbackLock.
@@ -93,9 +101,9 @@ class HdmiControl : public IHdmiUtilCallback,
     // Cuts the link to the owner before it is destroyed. Events and death
     // notices that arrive afterwards touch nothing of the owner.
     void detach() EXCLUDES(mOwnerLock);
-    // Withdraws the event registration when the owner is released, so that a
-    // late destruction of this object cannot withdraw a newer registration
-    // of the same process.
+    // Ends the recovery thread, then withdraws the event registration when
+    // the owner is released, so that a late destruction of this object
+    // cannot withdraw a newer registration of the same process.
     void withdrawOnRelease() EXCLUDES(mCallbackLock);
 
     int32_t pid() const { return mPid; }
@@ -105,24 +113,51 @@ class HdmiControl : public IHdmiUtilCallback,
 
   private:
     // Links a newly acquired service to this object's death notice and
-    // renews the event registration with it.
+    // renews the event registration with it; a refused link is a death.
     void attachService(const ::android::sp<IHdmiUtil>& service) REQUIRES(mServiceLock);
-    // tryGetService() for a holder of mServiceLock.
-    ::android::sp<IHdmiUtil> acquireLocked() REQUIRES(mServiceLock);
-    // Registers with `service` under this process's id and name.
-    void registerWith(IHdmiUtil* service);
+    // tryGetService() for a holder of mServiceLock; `logFailure`: log a failed lookup.
+    ::android::sp<IHdmiUtil> acquireLocked(bool logFailure = true) REQUIRES(mServiceLock);
+    // Registers with the held service under this process's id and name; a
+    // dead service is dropped.
+    void registerLocked() REQUIRES(mServiceLock);
+    // The held service is dead: forgets it (into mDropped, to be released
+    // after the lock) and wakes the recovery thread.
+    void dropServiceLocked() REQUIRES(mServiceLock);
     void clearService(uint64_t generation) EXCLUDES(mServiceLock);
+    // Events are wanted and the service is lost or not registered with.
+    bool needsRecoveryLocked() const REQUIRES(mServiceLock);
+    void recoveryLoop() EXCLUDES(mServiceLock);
+    // One recovery attempt under the owner's locks; true when nothing is left to do.
+    bool recoverOnce() EXCLUDES(mCallbackLock, mServiceLock);
+    void stopRecovery() EXCLUDES(mCallbackLock, mServiceLock);
     Vistrel* pinOwner() EXCLUDES(mOwnerLock);
     void unpinOwner() EXCLUDES(mOwnerLock);
 
     // The service proxy; null while not connected. Written under mServiceLock.
     ::android::sp<IHdmiUtil> mService GUARDED_BY(mServiceLock);
-    // mService's pointer for lock-free reads by holders of the owner's mLock.
+    // mService's pointer for lock-free reads by holders of the owner's mLock,
+    // set once the service is linked. Cleared without mLock only for a service
+    // never published here, so a pointer read under mLock stays valid.
     std::atomic<IHdmiUtil*> mServiceRaw{nullptr};
+    // A service dropped under mServiceLock, released after it (its release
+    // may end the service's objects, which may hold this one).
+    ::android::sp<IHdmiUtil> mDropped GUARDED_BY(mServiceLock);
     // Which acquisition mService came from; death notices carry it as cookie.
     uint64_t mGeneration GUARDED_BY(mServiceLock) = 0;
     // True from setCallback() until removeCallback(): renew on reconnection.
     bool mRegistered GUARDED_BY(mServiceLock) = false;
+    // The generation the registration was made with; 0: none.
+    uint64_t mRegisteredWith GUARDED_BY(mServiceLock) = 0;
+    // A registration notice came since the last recovery attempt.
+    bool mNoticed GUARDED_BY(mServiceLock) = false;
+    // The recovery thread is to end (set once, by the release).
+    bool mStopping GUARDED_BY(mServiceLock) = false;
+    // A loss was logged and its recovery not yet.
+    bool mLossLogged GUARDED_BY(mServiceLock) = false;
+    // Signalled, with mServiceLock, at a loss, a notice and the stop.
+    ::android::Condition mRecoveryWake;
+    // Looks the service up after a loss; started by the first setCallback().
+    std::thread mRecovery GUARDED_BY(mCallbackLock);
     // True once the registration was withdrawn for the owner's release.
     bool mWithdrawn GUARDED_BY(mCallbackLock) = false;
     // The library object served; null once detached. Not owned.

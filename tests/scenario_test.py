@@ -24,6 +24,7 @@ import json
 import os
 import re
 import signal
+import subprocess
 import sys
 import time
 
@@ -179,6 +180,16 @@ class ScenarioTest(procs.ProcessTest):
                 peer.close()
         self.assertServing(follower)
         self.assertEqual(follower.wait_for(1), ["HDR_TYPE"])  # its probe alone: nothing ran
+
+    def test_a_run_in_hand_ends_with_the_daemon(self):
+        script = self.write("long.scenario", "unplug\nwait 600000\nplug\n")
+        run = subprocess.Popen([procs.CTL, "--socket-dir", self.folder, "tv", "script", script],
+                               stderr=subprocess.PIPE, text=True)
+        self.procs.append(run)
+        procs.wait_until(lambda: "control: play" in self.daemon.stderr() or
+                         "sink unplugged" in self.daemon.stderr(), "the run to start")
+        self.assertEqual(self.daemon.end(signal.SIGTERM)[0], 0)
+        self.assertEqual(run.wait(procs.WAIT), 1)
 
     def test_a_recorded_session_replays_to_the_same_stream(self):
         # Recorded: a follower of the daemon while the TV and the output are worked.

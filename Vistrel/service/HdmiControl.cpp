@@ -19,6 +19,7 @@
 #include <VistrelLib.h>
 #include <cutils/properties.h>
 #include <log/log.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -78,22 +79,30 @@ HdmiControl::HdmiControl(Vistrel* owner) : mOwner(owner), mPid(getpid()) {
 }
 
 HdmiControl::~HdmiControl() {
+    stopRecovery();
     Mutex::Autolock _l(mCallbackLock);
     ALOGD("~HdmiControl() %p", this);
     if (!mWithdrawn) removeCallbackLocked();
 }
 
 sp<IHdmiUtil> HdmiControl::tryGetService() {
-    Mutex::Autolock _l(mServiceLock);
-    return acquireLocked();
+    sp<IHdmiUtil> service;
+    sp<IHdmiUtil> dropped;
+    {
+        Mutex::Autolock _l(mServiceLock);
+        service = acquireLocked();
+        dropped = std::move(mDropped);
+    }
+    return service;
 }
 
 void HdmiControl::serviceRegistered() {
     Mutex::Autolock _l(mServiceLock);
-    if (mRegistered) acquireLocked();
+    mNoticed = true;
+    mRecoveryWake.signal();
 }
 
-sp<IHdmiUtil> HdmiControl::acquireLocked() {
+sp<IHdmiUtil> HdmiControl::acquireLocked(bool logFailure) {
     if (mService == nullptr) {
         char value[PROPERTY_VALUE_MAX];
         property_get(kServiceStartProperty, value, "0");
@@ -101,7 +110,7 @@ sp<IHdmiUtil> HdmiControl::acquireLocked() {
             sp<IHdmiUtil> service = IHdmiUtil::tryGetService("default", false);
             if (service != nullptr) {
                 attachService(service);
-            } else {
+            } else if (logFailure) {
                 ALOGE("process [%s] get service failed", processName(mPid).c_str());
             }
         }
@@ -112,11 +121,44 @@ sp<IHdmiUtil> HdmiControl::acquireLocked() {
 void HdmiControl::attachService(const sp<IHdmiUtil>& service) {
     ++mGeneration;
     mService = service;
-    mServiceRaw.store(service.get(), std::memory_order_release);
     // The generation tells a stale death notice from one about this service.
-    valueOr("linkToDeath", service->linkToDeath(this, mGeneration), false);
+    // A service that refuses the link is already dead, as binder answers for
+    // a dead peer: no notice would ever come.
+    if (!valueOr("linkToDeath", service->linkToDeath(this, mGeneration), false)) {
+        ALOGW("linkToDeath refused: the service is already gone");
+        dropServiceLocked();
+        return;
+    }
     // A restarted service knows nothing of the registration made with the old one.
-    if (mRegistered) registerWith(service.get());
+    if (mRegistered) registerLocked();
+    if (mService != nullptr) mServiceRaw.store(service.get(), std::memory_order_release);
+}
+
+void HdmiControl::registerLocked() {
+    hidl_string name(processName(mPid));
+    const ::android::status_t status =
+            callStatus("setCallback", mService->setCallback(mPid, name, this));
+    if (status == ::android::OK) {
+        mRegisteredWith = mGeneration;
+        if (mLossLogged) ALOGI("service back: registered again");
+        mLossLogged = false;
+    } else if (status == ::android::DEAD_OBJECT) {
+        dropServiceLocked();
+    } else {
+        mRecoveryWake.signal();  // the service lives: the registration is tried again
+    }
+}
+
+void HdmiControl::dropServiceLocked() {
+    mServiceRaw.store(nullptr, std::memory_order_release);
+    mDropped = std::move(mService);
+    mService.clear();
+    mRegisteredWith = 0;
+    mRecoveryWake.signal();
+}
+
+bool HdmiControl::needsRecoveryLocked() const {
+    return mRegistered && (mService == nullptr || mRegisteredWith != mGeneration);
 }
 
 IHdmiUtil* HdmiControl::getService() {
@@ -137,11 +179,6 @@ sp<IHdmiUtil> HdmiControl::getServiceRef() {
     }
 }
 
-void HdmiControl::registerWith(IHdmiUtil* service) {
-    hidl_string name(processName(mPid));
-    completed("setCallback", service->setCallback(mPid, name, this));
-}
-
 void HdmiControl::setCallback() {
     Mutex::Autolock _l(mCallbackLock);
     if (mRestartWatch == nullptr) {
@@ -149,11 +186,17 @@ void HdmiControl::setCallback() {
         IHdmiUtil::registerForNotifications("default", mRestartWatch);
     }
     sp<IHdmiUtil> service = getServiceRef();
+    sp<IHdmiUtil> dropped;
     {
         Mutex::Autolock _s(mServiceLock);
+        if (!mRecovery.joinable() && !mStopping)
+            mRecovery = std::thread([this] { recoveryLoop(); });
         mRegistered = true;
+        // Lost since it was acquired: the recovery thread registers with the next one.
+        if (mService == service) registerLocked();
+        mRecoveryWake.signal();
+        dropped = std::move(mDropped);
     }
-    registerWith(service.get());
 }
 
 void HdmiControl::removeCallback() {
@@ -166,15 +209,79 @@ void HdmiControl::removeCallbackLocked() {
     {
         Mutex::Autolock _s(mServiceLock);
         mRegistered = false;
+        mRegisteredWith = 0;
     }
     completed("removeCallback", service->removeCallback(mPid));
 }
 
 void HdmiControl::withdrawOnRelease() {
+    stopRecovery();
     Mutex::Autolock _l(mCallbackLock);
     removeCallbackLocked();
     mWithdrawn = true;
 }
+
+// ---------------------------------------------------------------------------
+// Recovery
+
+void HdmiControl::recoveryLoop() {
+    pthread_setname_np(pthread_self(), "VistrelRecoverT");
+    bool retry = false;  // the last attempt failed: the next one waits a poll step
+    for (;;) {
+        {
+            Mutex::Autolock _s(mServiceLock);
+            if (retry && !mStopping && !mNoticed) {
+                mRecoveryWake.waitRelative(mServiceLock, kServicePollUs * 1000LL);
+            }
+            while (!mStopping && !needsRecoveryLocked()) mRecoveryWake.wait(mServiceLock);
+            if (mStopping) return;
+            mNoticed = false;
+        }
+        retry = !recoverOnce();
+    }
+}
+
+bool HdmiControl::recoverOnce() {
+    // As an operation of the owner: under its mLock, so that a service is
+    // never dropped under a caller using it. A released owner wants nothing.
+    Vistrel* owner = pinOwner();
+    if (owner == nullptr) return false;
+    bool done;
+    sp<IHdmiUtil> dropped;
+    {
+        Mutex::Autolock _l(owner->mLock);
+        Mutex::Autolock _c(mCallbackLock);
+        Mutex::Autolock _s(mServiceLock);
+        if (needsRecoveryLocked() && !mLossLogged) {
+            ALOGW("service lost: looking it up every 100 ms");
+            mLossLogged = true;
+        }
+        if (mService == nullptr) {
+            acquireLocked(/*logFailure=*/false);
+        } else if (needsRecoveryLocked()) {
+            registerLocked();
+        }
+        done = !needsRecoveryLocked();
+        dropped = std::move(mDropped);
+    }
+    unpinOwner();
+    return done;
+}
+
+void HdmiControl::stopRecovery() {
+    std::thread recovery;
+    {
+        Mutex::Autolock _c(mCallbackLock);
+        recovery = std::move(mRecovery);
+        Mutex::Autolock _s(mServiceLock);
+        mStopping = true;
+        mRecoveryWake.signal();
+    }
+    if (recovery.joinable()) recovery.join();
+}
+
+// ---------------------------------------------------------------------------
+// Events and deaths
 
 Return<void> HdmiControl::handleEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
                                       int64_t param4) {
@@ -208,9 +315,8 @@ void HdmiControl::clearService(uint64_t generation) {
     Mutex::Autolock _l(mServiceLock);
     // A notice about a service already replaced leaves the new one alone.
     if (generation != mGeneration || mService == nullptr) return;
-    mServiceRaw.store(nullptr, std::memory_order_release);
-    dead = mService;
-    mService.clear();
+    dropServiceLocked();
+    dead = std::move(mDropped);
 }
 
 Vistrel* HdmiControl::pinOwner() {

@@ -18,7 +18,7 @@
 // through one of these helpers; nothing else examines a transport status.
 //
 //  - value form:     valueOr(method, ret, onFailure), valueOf(method, ret, &value)
-//  - no-result form: completed(method, ret)
+//  - no-result form: completed(method, ret), callStatus(method, ret)
 //  - record form:    recordResult(method, ret, status)
 //
 // A transport failure is logged once at error level as "<method> Error" and
@@ -61,6 +61,14 @@ R valueOr(const char* method, const ::android::hardware::Return<T>& ret, R onFai
 // No-result form: true when the transaction went through.
 inline bool completed(const char* method, const ::android::hardware::Return<void>& ret) {
     return transportOk(method, ret);
+}
+
+// No-result form that tells a dead service from other failures: OK,
+// DEAD_OBJECT when the service is gone, else FAILED_TRANSACTION.
+inline ::android::status_t callStatus(const char* method,
+                                      const ::android::hardware::Return<void>& ret) {
+    if (transportOk(method, ret)) return ::android::OK;
+    return ret.isDeadObject() ? ::android::DEAD_OBJECT : ::android::FAILED_TRANSACTION;
 }
 
 // Record form: 0 when the service answered with a nonzero status, -38 when it

@@ -28,15 +28,21 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <thread>
 
 #include "ScenarioPlayer.h"
 
 namespace mirova::emulator {
 
+using ::android::Looper;
+using ::android::Message;
+using ::android::Mutex;
+using ::android::status_t;
+
 namespace {
 
 constexpr size_t kMaxMessage = 64 * 1024;
+// The message that ends a pause in accepting; clients' deadlines carry their descriptor.
+constexpr int kResumeAccepting = -1;
 
 bool controlAddress(sockaddr_un* address) {
     const std::string path = controlSocketPath();
@@ -47,15 +53,20 @@ bool controlAddress(sockaddr_un* address) {
     return true;
 }
 
-// One message; empty on end or error.
-std::string receiveMessage(int fd) {
-    std::string message(kMaxMessage + 1, '\0');
+// One message into *message: recv()'s result. More than kMaxMessage bytes means too long.
+ssize_t receiveMessage(int fd, int flags, std::string* message) {
+    message->assign(kMaxMessage + 1, '\0');
     ssize_t n;
     do {
-        n = recv(fd, message.data(), message.size(), 0);
+        n = recv(fd, message->data(), message->size(), flags);
     } while (n < 0 && errno == EINTR);
-    message.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    return message;
+    message->resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return n;
+}
+
+// A short, never blocking answer; a client that has gone is not our concern.
+void answer(int fd, const std::string& text) {
+    send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 }  // namespace
@@ -90,42 +101,6 @@ std::string handleControl(HdmiUtilEmulator* service, const std::string& message)
     return "ok";
 }
 
-::android::status_t serveControl(const ::android::sp<HdmiUtilEmulator>& service,
-                                 std::string* error) {
-    sockaddr_un address;
-    if (!controlAddress(&address)) {
-        *error = "control socket path too long";
-        return ::android::BAD_VALUE;
-    }
-    unlink(address.sun_path);  // the service lock is ours: this one is stale
-    const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (listener < 0 ||
-        bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        chmod(address.sun_path, 0600) != 0 || listen(listener, 4) != 0) {
-        *error = std::string("cannot listen on the control socket: ") + strerror(errno);
-        if (listener >= 0) close(listener);
-        return ::android::UNKNOWN_ERROR;
-    }
-    std::thread([service, listener] {
-        for (;;) {
-            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) {
-                if (errno == EINTR || errno == ECONNABORTED) continue;
-                return;
-            }
-            const std::string request = receiveMessage(fd);
-            const std::string answer = request.size() > kMaxMessage
-                                               ? "error: request too long"
-                                               : handleControl(service.get(), request);
-            const std::string what = request.substr(0, std::min<size_t>(request.find('\n'), 16));
-            ALOGI("control: %s -> %s", what.c_str(), answer.c_str());
-            send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
-            close(fd);
-        }
-    }).detach();
-    return ::android::OK;
-}
-
 bool sendControl(const std::string& command, const std::vector<uint8_t>& payload,
                  std::string* reply) {
     sockaddr_un address;
@@ -141,12 +116,212 @@ bool sendControl(const std::string& command, const std::vector<uint8_t>& payload
     }
     std::string message = command;
     message.append(payload.begin(), payload.end());
-    const bool sent = send(fd, message.data(), message.size(), MSG_NOSIGNAL) ==
-                      static_cast<ssize_t>(message.size());
-    *reply = sent ? receiveMessage(fd) : std::string();
+    // A refusal is answered before the request is read: it is received even
+    // when sending failed because the daemon had already closed its end.
+    send(fd, message.data(), message.size(), MSG_NOSIGNAL);
+    receiveMessage(fd, 0, reply);
     close(fd);
     if (reply->empty()) *reply = "vistrel-hdmid did not answer";
     return *reply == "ok";
+}
+
+// ---------------------------------------------------------------------------
+// Starting and stopping
+
+ControlChannel::ControlChannel(const ::android::sp<HdmiUtilEmulator>& service)
+    : mService(service), mLooper(new Looper(/*allowNonCallbacks=*/false)) {}
+
+ControlChannel::~ControlChannel() = default;
+
+status_t ControlChannel::start(std::string* error) {
+    const status_t status = listenOnSocket(error);
+    if (status != ::android::OK) return status;
+    mLooper->addFd(mListener.get(), Looper::POLL_CALLBACK, Looper::EVENT_INPUT, this, nullptr);
+    mLoopThread = std::thread(&ControlChannel::runLoop, this);
+    mWorkerThread = std::thread(&ControlChannel::runWorker, this);
+    return ::android::OK;
+}
+
+status_t ControlChannel::listenOnSocket(std::string* error) {
+    sockaddr_un address;
+    if (!controlAddress(&address)) {
+        *error = "control socket path too long";
+        return ::android::BAD_VALUE;
+    }
+    // The service lock is ours, so a socket here is a killed daemon's. unlink()
+    // removes a symlink itself, never what it names; bind() follows none; the
+    // mode is set on the socket before bind(), not through the path after it.
+    unlink(address.sun_path);
+    mListener.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (mListener.get() < 0 || fchmod(mListener.get(), 0600) != 0 ||
+        bind(mListener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(mListener.get(), SOMAXCONN) != 0) {
+        *error = std::string("cannot listen on the control socket: ") + strerror(errno);
+        mListener.reset();
+        return ::android::UNKNOWN_ERROR;
+    }
+    return ::android::OK;
+}
+
+void ControlChannel::stop() {
+    if (!mLoopThread.joinable()) return;
+    stopPlaying();  // a script or replay in hand would hold the worker to its end
+    mLoopStopping = true;
+    mLooper->wake();
+    mLoopThread.join();
+    // The loop has ended: nothing else touches the looper or the waiting clients.
+    mLooper->removeFd(mListener.get());
+    mLooper->removeMessages(this);
+    for (const int fd : mWaiting) {
+        mLooper->removeFd(fd);
+        close(fd);
+    }
+    mWaiting.clear();
+    {
+        Mutex::Autolock _l(mLock);
+        mWorkerStopping = true;
+        mRequests.clear();
+        mQueued.signal();
+    }
+    mWorkerThread.join();
+}
+
+// ---------------------------------------------------------------------------
+// The loop thread: accepting, deadlines, receiving
+
+void ControlChannel::runLoop() {
+    while (!mLoopStopping) mLooper->pollOnce(-1);
+}
+
+int ControlChannel::handleEvent(int fd, int /*events*/, void* /*data*/) {
+    if (fd == mListener.get()) return acceptClient();
+    // A client dropped earlier in this turn of the loop may still be reported.
+    if (mWaiting.count(fd) == 0) return 0;
+    return receiveRequest(fd);
+}
+
+void ControlChannel::handleMessage(const Message& message) {
+    if (message.what == kResumeAccepting) {
+        resumeAccepting();
+    } else if (mWaiting.count(message.what) != 0) {
+        if (!mDropping) {
+            ALOGW("control: dropping clients that send no request within %d ms",
+                  static_cast<int>(ns2ms(kRequestDeadline)));
+        }
+        mDropping = true;
+        drop(message.what);
+    }
+}
+
+int ControlChannel::acceptClient() {
+    const int fd = accept4(mListener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd >= 0) {
+        if (mAcceptFailing) ALOGI("control: accepting again");
+        mAcceptFailing = false;
+        if (mOpen >= kMaxClients) {
+            refuse(fd);
+        } else {
+            admit(fd);
+        }
+        return 1;
+    }
+    if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED) {
+        return 1;
+    }
+    pauseAccepting(errno);
+    return 0;  // the listener leaves the loop until the pause ends
+}
+
+void ControlChannel::admit(int fd) {
+    mRefusing = false;
+    ++mOpen;
+    mWaiting.insert(fd);
+    mLooper->addFd(fd, Looper::POLL_CALLBACK, Looper::EVENT_INPUT, this, nullptr);
+    mLooper->sendMessageDelayed(kRequestDeadline, this, Message(fd));
+}
+
+void ControlChannel::refuse(int fd) {
+    if (!mRefusing) {
+        ALOGW("control: %d clients connected; refusing more until one is answered", kMaxClients);
+    }
+    mRefusing = true;
+    // A request already sent is read first: closing a socket with unread data
+    // resets it, and the client would see no answer.
+    std::string unread;
+    receiveMessage(fd, MSG_DONTWAIT, &unread);
+    answer(fd, "error: too many control clients");
+    close(fd);
+}
+
+// Out of descriptors (EMFILE, ENFILE) or memory: the pending connection stays
+// queued, and accept() is tried again after a pause rather than in a busy loop.
+void ControlChannel::pauseAccepting(int error) {
+    if (!mAcceptFailing) {
+        ALOGE("control: cannot accept (%s); trying again every %d ms", strerror(error),
+              static_cast<int>(ns2ms(kAcceptPause)));
+    }
+    mAcceptFailing = true;
+    mLooper->sendMessageDelayed(kAcceptPause, this, Message(kResumeAccepting));
+}
+
+void ControlChannel::resumeAccepting() {
+    mLooper->addFd(mListener.get(), Looper::POLL_CALLBACK, Looper::EVENT_INPUT, this, nullptr);
+}
+
+int ControlChannel::receiveRequest(int fd) {
+    std::string text;
+    const ssize_t n = receiveMessage(fd, MSG_DONTWAIT, &text);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 1;
+    if (n <= 0) {  // gone before asking
+        drop(fd);
+        return 0;
+    }
+    forget(fd);
+    mDropping = false;
+    Mutex::Autolock _l(mLock);
+    mRequests.push_back(Request{::android::base::unique_fd(fd), std::move(text)});
+    mQueued.signal();
+    return 0;
+}
+
+void ControlChannel::forget(int fd) {
+    mWaiting.erase(fd);
+    mLooper->removeMessages(this, fd);
+    mLooper->removeFd(fd);
+}
+
+void ControlChannel::drop(int fd) {
+    forget(fd);
+    close(fd);
+    --mOpen;
+}
+
+// ---------------------------------------------------------------------------
+// The worker thread: requests in arrival order
+
+void ControlChannel::runWorker() {
+    while (answerNext()) {
+    }
+}
+
+bool ControlChannel::answerNext() {
+    Request request;
+    {
+        Mutex::Autolock _l(mLock);
+        while (mRequests.empty() && !mWorkerStopping) mQueued.wait(mLock);
+        if (mWorkerStopping) return false;
+        request = std::move(mRequests.front());
+        mRequests.pop_front();
+    }
+    const std::string reply = request.text.size() > kMaxMessage
+                                      ? "error: request too long"
+                                      : handleControl(mService.get(), request.text);
+    const std::string what = request.text.substr(0, std::min<size_t>(request.text.find('\n'), 16));
+    ALOGI("control: %s -> %s", what.c_str(), reply.c_str());
+    answer(request.client.get(), reply);
+    request.client.reset();
+    --mOpen;
+    return true;
 }
 
 }  // namespace mirova::emulator

@@ -24,9 +24,17 @@
 
 #pragma once
 
+#include <android-base/unique_fd.h>
+#include <utils/Condition.h>
 #include <utils/Errors.h>
+#include <utils/Looper.h>
+#include <utils/Mutex.h>
 
+#include <atomic>
+#include <deque>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "HdmiUtilEmulator.h"
@@ -36,11 +44,6 @@ namespace mirova::emulator {
 // The control socket in the socket folder.
 std::string controlSocketPath();
 
-// Serves control requests for `service` on a thread of its own until the
-// process ends. The socket is owner only.
-::android::status_t serveControl(const ::android::sp<HdmiUtilEmulator>& service,
-                                 std::string* error);
-
 // Sends one request to the running daemon. False, with the reason in *reply,
 // when none is reachable or it refused the request.
 bool sendControl(const std::string& command, const std::vector<uint8_t>& payload,
@@ -48,5 +51,84 @@ bool sendControl(const std::string& command, const std::vector<uint8_t>& payload
 
 // Carries out one request on `service`; the answer to send back.
 std::string handleControl(HdmiUtilEmulator* service, const std::string& message);
+
+// The daemon's end of the control socket. One loop thread (an android::Looper)
+// watches the listening socket and every connected client, so no thread waits
+// on one idle peer: a client has kRequestDeadline to send its request or is
+// dropped, and at most kMaxClients are connected at once (more are refused).
+// Requests are carried out in arrival order on a worker thread, so that a slow
+// one (a TV swap waits for its events to leave) delays no accept.
+class ControlChannel : public ::android::LooperCallback, public ::android::MessageHandler {
+  public:
+    static constexpr nsecs_t kRequestDeadline = s2ns(2);
+    static constexpr int kMaxClients = 16;
+    // How long accepting pauses when the process is out of descriptors.
+    static constexpr nsecs_t kAcceptPause = ms2ns(100);
+
+    explicit ControlChannel(const ::android::sp<HdmiUtilEmulator>& service);
+
+    // Listens on the control socket (owner only) and starts both threads.
+    ::android::status_t start(std::string* error);
+    // Ends both threads once the request in hand is answered; clients still
+    // connected are closed unanswered.
+    void stop() EXCLUDES(mLock);
+
+  private:
+    struct Request {
+        ::android::base::unique_fd client;
+        std::string text;
+    };
+
+    ~ControlChannel() override;
+
+    // The listener or a client is readable or hung up (loop thread).
+    int handleEvent(int fd, int events, void* data) override;
+    // A client's deadline, or the end of a pause in accepting (loop thread).
+    void handleMessage(const ::android::Message& message) override;
+
+    ::android::status_t listenOnSocket(std::string* error);
+    // Takes one pending connection; 0 when accepting pauses.
+    int acceptClient();
+    void admit(int fd);
+    void refuse(int fd);
+    void pauseAccepting(int error);
+    void resumeAccepting();
+    // Reads a client's request and hands it to the worker; 1 while none came.
+    int receiveRequest(int fd) EXCLUDES(mLock);
+    // Stops watching a client that is no longer waiting for its request.
+    void forget(int fd);
+    void drop(int fd);
+
+    void runLoop();
+    void runWorker() EXCLUDES(mLock);
+    // Answers the oldest request; false once stopping.
+    bool answerNext() EXCLUDES(mLock);
+
+    const ::android::sp<HdmiUtilEmulator> mService;
+    const ::android::sp<::android::Looper> mLooper;
+    ::android::base::unique_fd mListener;
+    std::atomic<bool> mLoopStopping{false};
+    // Connections open: waiting, queued or being answered. Counted up by the
+    // loop thread, down by whichever thread closes one.
+    std::atomic<int> mOpen{0};
+    // Clients whose request has not come yet (loop thread only).
+    std::set<int> mWaiting;
+    // Whether a refusal, an accept failure or a dropped silent client has been
+    // logged since the last admission, accept or request (loop thread only):
+    // each is logged once, not once per client.
+    bool mRefusing = false;
+    bool mAcceptFailing = false;
+    bool mDropping = false;
+
+    ::android::Mutex mLock;
+    // Signalled when a request is queued or the worker is to stop.
+    ::android::Condition mQueued;
+    // Requests received and not yet taken by the worker, oldest first.
+    std::deque<Request> mRequests GUARDED_BY(mLock);
+    bool mWorkerStopping GUARDED_BY(mLock) = false;
+
+    std::thread mLoopThread;
+    std::thread mWorkerThread;
+};
 
 }  // namespace mirova::emulator

@@ -22,8 +22,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
-#include <thread>
 
 namespace mirova::emulator {
 
@@ -75,10 +75,35 @@ void perform(HdmiUtilEmulator* service, const Program& program, const ProgramAct
 
 }  // namespace
 
+// Set once the daemon stops: a run in hand ends at its next wait.
+struct Stopping {
+    std::mutex lock;
+    std::condition_variable changed;
+    bool stopping = false;
+};
+
+Stopping& stopping() {
+    static Stopping* const state = new Stopping();  // never destroyed: read until the process ends
+    return *state;
+}
+
+// Waits until `due`; false when the daemon stops first.
+bool waitUntil(Clock::time_point due) {
+    Stopping& s = stopping();
+    std::unique_lock<std::mutex> guard(s.lock);
+    return !s.changed.wait_until(guard, due, [&s] { return s.stopping; });
+}
+
+}  // namespace
+
+void stopPlaying() {
+    Stopping& s = stopping();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.stopping = true;
+    s.changed.notify_all();
+}
+
 std::string playProgram(HdmiUtilEmulator* service, const Program& program) {
-    static std::mutex running;
-    std::unique_lock<std::mutex> one(running, std::try_to_lock);
-    if (!one.owns_lock()) return "error: another script or replay is running";
     for (size_t i = 0; i < program.edids.size(); ++i) {
         SinkProfile sink;
         std::string why;
@@ -90,7 +115,7 @@ std::string playProgram(HdmiUtilEmulator* service, const Program& program) {
     Clock::duration latest{0};
     for (const ProgramAction& a : program.actions) {
         const Clock::time_point due = start + std::chrono::microseconds(a.atUs);
-        std::this_thread::sleep_until(due);
+        if (!waitUntil(due)) return "error: vistrel-hdmid is stopping";
         latest = std::max(latest, Clock::now() - due);
         perform(service, program, a);
     }

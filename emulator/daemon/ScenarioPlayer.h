@@ -26,11 +26,15 @@
 
 namespace mirova::emulator {
 
-// Carries out `program` on `service`, one run at a time, and returns once the
-// last action's events have been sent: "ok", or "error: <why>" when an EDID
-// is malformed (found before the first action) or another run is under way.
-// Each action is due at the run's start plus its time; the log says how late
-// the latest one was.
+// Carries out `program` on `service` and returns once the last action's
+// events have been sent: "ok", or "error: <why>" when an EDID is malformed
+// (found before the first action) or the daemon stops first. Each action is
+// due at the run's start plus its time; the log says how late the latest one
+// was. The control channel carries out one request at a time, so a run has
+// the TV to itself: requests sent meanwhile wait for its end.
 std::string playProgram(HdmiUtilEmulator* service, const Program& program);
+
+// Ends a run in hand at its next wait, and any later one at once: the daemon stops.
+void stopPlaying();
 
 }  // namespace mirova::emulator

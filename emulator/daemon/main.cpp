@@ -38,6 +38,7 @@
 
 namespace {
 
+using ::mirova::emulator::ControlChannel;
 using ::mirova::emulator::HdmiUtilEmulator;
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
 
@@ -100,9 +101,10 @@ int run(int argc, char** argv) {
                              : HdmiUtilEmulator::fromFile(edidPath, &why);
     if (service == nullptr) return fail(why);
     // The socket first: a second daemon stops here, before touching anything.
+    const ::android::sp<ControlChannel> control = new ControlChannel(service);
     if (::android::hardware::host::serveService(IHdmiUtil::descriptor, "default", &why) !=
                 ::android::OK ||
-        mirova::emulator::serveControl(service, &why) != ::android::OK) {
+        control->start(&why) != ::android::OK) {
         return fail(why);
     }
     if (service->publish() != ::android::OK) return fail("the service could not be registered");
@@ -114,6 +116,7 @@ int run(int argc, char** argv) {
     ALOGI("%s: stopping", strsignal(signal));
     unlink(mirova::emulator::controlSocketPath().c_str());
     unlink(::android::hardware::host::socketPath(IHdmiUtil::descriptor, "default").c_str());
+    control->stop();  // before the service ends: no request is carried out after
     service->shutdown();
     return 0;
 }
@@ -121,5 +124,8 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A caller's descriptor that the service writes into (a dump, a debug
+    // command) may have lost its reader: that write fails, the daemon goes on.
+    signal(SIGPIPE, SIG_IGN);
     return run(argc, argv);
 }

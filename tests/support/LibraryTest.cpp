@@ -78,11 +78,13 @@ Vistrel* LibraryTest::createLib(VistrelCallback* callback, VistrelCallback2* cal
 
 sp<FakeHdmiUtil> LibraryTest::replaceService() {
     ::android::hardware::host::killService(IHdmiUtil::descriptor, "default");
-    ::android::hardware::host::waitForDeathNotifications();
-    fake->dropRegistrations();
     sp<FakeHdmiUtil> old = fake;
     fake = new FakeHdmiUtil();
     fake->publish();
+    // Only now: a caller that met the death first may wait for the new
+    // service holding the object's lock, which the death notice takes.
+    ::android::hardware::host::waitForDeathNotifications();
+    old->dropRegistrations();
     return old;
 }
 
