@@ -34,10 +34,13 @@ SCENARIOS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "emul
                          "scenarios")
 UNPLUG, PLUG = ["UNPLUG", "FORMAT_CHANGE"], ["HOT_PLUG", "FORMAT_CHANGE"]
 # How far a replayed event's time from the first may be from the recorded one,
-# in seconds: the daemon is punctual to a millisecond or two on a desk; this
-# leaves room for qemu and the sanitizer builds, and is still smaller than the
-# recorded gaps (GAP), so a replay that ignored the spacing would fail.
-TOLERANCE, GAP = 0.25, 0.6
+# as a follower sees both, in seconds: the daemon is punctual to a few
+# milliseconds; the rest is room for a loaded machine's delivery, more under
+# qemu and the sanitizers. The recorded gaps (GAP) are longer, so a replay that
+# ignored the spacing fails. SLACK: how late a bounce's last edge may be.
+SLOW = bool(os.environ.get("ASAN_OPTIONS") or os.environ.get("TSAN_OPTIONS") or
+            "emulated" in " ".join(sys.argv[1:3]))
+TOLERANCE, GAP, SLACK = (1.0, 1.5, 0.1) if SLOW else (0.25, 0.6, 0.0)
 
 # Each shipped scenario on the daemon's default TV (a 4K HDR TV): the events
 # a follower sees, the VIC of each FORMAT_CHANGE, and the sink afterwards.
@@ -154,7 +157,7 @@ class ScenarioTest(procs.ProcessTest):
                     edges = [e["param4"] / 1e9 for e in follower.events[2:]
                              if e["name"] != "FORMAT_CHANGE"]
                     gaps = [b - a for a, b in zip(edges, edges[1:])]
-                    self.assertTrue(sum(gaps) < 0.2 and min(gaps) > 0.01, gaps)
+                    self.assertTrue(sum(gaps) < 0.2 + SLACK and min(gaps) > 0.01, gaps)
 
     def test_a_faulty_script_is_named_by_line_and_nothing_runs(self):
         (follower,) = self.follow(1)
@@ -225,8 +228,9 @@ class ScenarioTest(procs.ProcessTest):
         error = max(abs((a["t_us"] - recorder.events[0]["t_us"]) -
                         (b["t_us"] - follower.events[0]["t_us"]))
                     for a, b in zip(recorder.events, follower.events)) / 1e6
-        print(f"replay: {len(stream)} events, timing error at most {error * 1000:.2f} ms",
-              file=sys.stderr)
+        late = re.findall(r"the latest ([\d.]+) ms after", self.daemon.stderr())[-1]
+        print(f"replay: {len(stream)} events, timing error at most {error * 1000:.2f} ms "
+              f"(the daemon's latest action {late} ms late)", file=sys.stderr)
         self.assertLess(error, TOLERANCE)
 
 

@@ -73,8 +73,6 @@ void perform(HdmiUtilEmulator* service, const Program& program, const ProgramAct
     }
 }
 
-}  // namespace
-
 // Set once the daemon stops: a run in hand ends at its next wait.
 struct Stopping {
     std::mutex lock;

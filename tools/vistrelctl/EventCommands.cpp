@@ -34,8 +34,10 @@ namespace mirova::vistrelctl {
 
 namespace {
 
-// The sink's EDID in hex; empty when none is plugged.
+// The sink's EDID in hex; empty when none is plugged, or no service is at
+// hand (the library would wait for one).
 std::string edidHex() {
+    if (hdmi_tryGetService() != 1) return "";
     _HDMITVCapInfo cap;
     if (hdmi_getTVCapInfo(&cap) != 0 || cap.capWord3 <= 0 || cap.capWord3 > 256 * 128) return "";
     std::vector<uint8_t> edid(static_cast<size_t>(cap.capWord3));
