@@ -23,23 +23,73 @@
 #include <hidl/HostTransport.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "support/FakeHdmiUtil.h"
+#include "support/LogCapture.h"
 
 namespace mirova::test {
 namespace {
+
+// Transaction codes by method name, numbered from 1 in the contract's order.
+std::map<std::string, uint32_t> transactionCodes() {
+    std::ifstream hal(VISTREL_SOURCE_DIR "/interfaces/provider/1.0/IHdmiUtil.hal");
+    std::string text((std::istreambuf_iterator<char>(hal)), std::istreambuf_iterator<char>());
+    text = text.substr(text.find("interface IHdmiUtil {"));
+    std::map<std::string, uint32_t> codes;
+    const std::regex method(R"(\n\s+(\w+)\()");
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), method);
+         it != std::sregex_iterator(); ++it) {
+        codes.emplace((*it)[1], static_cast<uint32_t>(codes.size() + 1));
+    }
+    return codes;
+}
+
+size_t openDescriptors() {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        (void)entry;
+        ++count;
+    }
+    return count;
+}
+
+bool sendWithDescriptors(int fd, const std::string& bytes, const std::vector<int>& fds) {
+    iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 8)] = {};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    if (!fds.empty()) {
+        message.msg_control = control;
+        message.msg_controllen = CMSG_SPACE(sizeof(int) * fds.size());
+        cmsghdr* c = CMSG_FIRSTHDR(&message);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+        memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
+    }
+    return sendmsg(fd, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
 
 using ::android::hardware::hidl_death_recipient;
 using ::android::hardware::host::CallContext;
@@ -62,6 +112,10 @@ struct EndLog {
     std::vector<std::string> get() {
         std::lock_guard<std::mutex> guard(lock);
         return lines;
+    }
+    size_t count(const std::string& what) {
+        std::lock_guard<std::mutex> guard(lock);
+        return std::count(lines.begin(), lines.end(), what);
     }
     std::mutex lock;
     std::vector<std::string> lines;
@@ -95,7 +149,8 @@ class TransportTest : public ::testing::Test {
 
     void TearDown() override {
         proxy.clear();  // the client hangs up
-        ASSERT_TRUE(eventually([this] { return !serving->isAlive(); }, 2s));
+        const std::string end = "ended " + std::to_string(serving->number());
+        ASSERT_TRUE(eventually([&] { return endLog.count(end) == 1; }, 2s));
     }
 
     int ends[2] = {-1, -1};
@@ -186,24 +241,117 @@ TEST_F(TransportTest, AServedCallKnowsItsConnectionAndItsEndIsTold) {
     ASSERT_TRUE(eventually([this] { return endLog.get().size() == 2; }, 2s));
     EXPECT_EQ(endLog.get(),
               (std::vector<std::string>{"died 7", "ended " + std::to_string(serving->number())}));
+    // As binder answers a link to an object whose process is gone.
+    auto late = callback->linkToDeath(recipient, 8);
+    ASSERT_FALSE(late.isOk());
+    EXPECT_NE(late.description().find("DEAD_OBJECT"), std::string::npos) << late.description();
 }
 
-// A client that stops reading is hung up on once the backlog is full; the
-// sender never waits for it (a wait would hang this test).
-TEST_F(TransportTest, AClientThatStopsReadingIsDroppedNotWaitedFor) {
-    client->close();  // nobody reads ends[1] from now on
-    int ends2[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends2), 0);
-    sp<Connection> stalled =
-            Connection::forService(ends2[0], fake, IHdmiUtil::descriptor, ucred{1, 0, 0});
+// A client whose callback is busy has the events it cannot take dropped, not
+// its connection: the service says when it starts and stops dropping, and the
+// client learns how many it missed from the next event that gets through.
+TEST_F(TransportTest, ABusyClientMissesEventsNotItsConnection) {
+    struct GatedEvents : IHdmiUtilCallback {
+        ::android::hardware::Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t,
+                                                      int64_t) override {
+            if (handled++ == 0) gate.wait();
+            return Void();
+        }
+        Gate gate;
+        std::atomic<int> handled{0};
+    };
+    sp<GatedEvents> callback = new GatedEvents();
+    const uint32_t exported = client->exportObject(callback, IHdmiUtilCallback::descriptor);
     sp<IHdmiUtilCallback> events = static_cast<IHdmiUtilCallback*>(
-            stalled->proxyFor(1, IHdmiUtilCallback::descriptor).get());
-    int accepted = 0;
-    while (accepted < 1000000 && events->handleEvent(1, 2, 3, 4, 5).isOk()) ++accepted;
-    EXPECT_GT(accepted, static_cast<int>(::android::hardware::host::kMaxClientBacklog));
-    EXPECT_LT(accepted, 1000000);
-    EXPECT_TRUE(eventually([&] { return !stalled->isAlive(); }, 1s));
-    close(ends2[1]);
+            serving->proxyFor(exported, IHdmiUtilCallback::descriptor).get());
+    LogCapture::start();
+    constexpr int kSent = 2000;  // far more than the socket and the backlog hold
+    for (int i = 0; i < kSent; ++i) ASSERT_TRUE(events->handleEvent(1, i, 0, 0, 0).isOk());
+    callback->gate.awaitWaiters(1);
+    EXPECT_TRUE(serving->isAlive());
+    callback->gate.open();
+    // Events sent until one gets through, once the backlog has drained: it
+    // carries the count of those that did not.
+    int sent = kSent, missed = -1;
+    ASSERT_TRUE(eventually(
+            [&] {
+                EXPECT_TRUE(events->handleEvent(2, 0, 0, 0, 0).isOk());
+                ++sent;
+                for (const LogLine& line : LogCapture::lines()) {
+                    sscanf(line.message.c_str(), "%d events from peer", &missed);
+                }
+                return missed > 0;
+            },
+            5s));
+    EXPECT_TRUE(eventually([&] { return callback->handled + missed == sent; }, 5s))
+            << missed << " missed, " << callback->handled << " handled of " << sent;
+    EXPECT_EQ(LogCapture::countContaining("are dropped until"), 1);
+    EXPECT_EQ(LogCapture::countContaining(std::to_string(missed) + " one-way frames were not"), 1);
+    EXPECT_EQ(LogCapture::countContaining("events from peer"), 1);
+    EXPECT_TRUE(client->isAlive());
+}
+
+// Frames a hostile client sends, each on a connection of its own: what the
+// service answers and what makes it hang up. Every descriptor received is
+// closed by the connection's end, on every path.
+TEST(TransportFrameTest, MalformedFramesAreHungUpOnAndLeaveNoDescriptor) {
+    const std::map<std::string, uint32_t> code = transactionCodes();
+    auto frame = [](uint8_t kind, uint32_t code, const std::string& body = "", int32_t status = 0,
+                    uint8_t reserved = 0) {
+        std::string bytes("VSTL", 4);
+        bytes += static_cast<char>(kind);
+        bytes += std::string{static_cast<char>(reserved), 0, 0};
+        const uint32_t words[] = {0, code, static_cast<uint32_t>(status)};
+        return bytes + std::string(reinterpret_cast<const char*>(words), sizeof(words)) + body;
+    };
+    auto handle = [](int32_t fds) {
+        const int32_t words[] = {fds, 0};
+        return std::string(reinterpret_cast<const char*>(words), sizeof(words));
+    };
+    const uint32_t plugged = code.at("checkIfHDMIPlugged");
+    const uint32_t dump = code.at("dumpState");
+    const struct {
+        const char* what;
+        std::string frame;
+        int fds;
+        bool answered;
+    } kCases[] = {
+            {"a call", frame(1, plugged), 0, true},
+            {"a handle with its descriptor", frame(1, dump, handle(1)), 1, true},
+            {"a descriptor nobody takes", frame(1, plugged), 1, false},
+            {"a handle whose descriptor did not come", frame(1, dump, handle(1)), 0, false},
+            {"more descriptors than a frame carries", frame(1, dump, handle(4)), 5, false},
+            {"a negative descriptor count", frame(1, dump, handle(-2)), 0, false},
+            {"a byte past the arguments", frame(1, plugged, "x"), 0, false},
+            {"a header cut short", frame(1, plugged).substr(0, 10), 0, false},
+            {"a reserved byte set", frame(1, plugged, "", 0, 1), 0, false},
+            {"a reply nobody asked for", frame(3, plugged), 0, false},
+            {"a one-way frame with a negative loss count", frame(2, plugged, "", -1), 0, false},
+    };
+    sp<FakeHdmiUtil> fake = new FakeHdmiUtil();
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    size_t before = 0;
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.what);
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        if (before == 0) before = openDescriptors();  // the serving loop's own are made by now
+        sp<Connection> serving = Connection::forService(ends[0], fake, IHdmiUtil::descriptor,
+                                                        ucred{kPeerPid, kPeerUid, 0});
+        ASSERT_TRUE(sendWithDescriptors(ends[1], c.frame, std::vector<int>(c.fds, null)));
+        char reply[64];
+        pollfd readable = {ends[1], POLLIN, 0};
+        ASSERT_EQ(poll(&readable, 1, 5000), 1);
+        const ssize_t n = recv(ends[1], reply, sizeof(reply), 0);
+        EXPECT_EQ(n > 0, c.answered) << n;
+        if (n > 4) {
+            EXPECT_EQ(reply[4], 3);  // a reply
+        }
+        close(ends[1]);
+        EXPECT_TRUE(eventually([&] { return !serving->isAlive(); }, 2s));
+        EXPECT_TRUE(eventually([&] { return openDescriptors() <= before; }, 2s));
+    }
+    close(null);
 }
 
 // Folders a daemon must not serve in, each refused with one line that names

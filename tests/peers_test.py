@@ -25,7 +25,6 @@ tests run as root. A refusal that "says so clearly" names the other user
 usage: peers_test.py VISTREL_HDMID VISTRELCTL EDID_DIR
 """
 
-import functools
 import os
 import random
 import re
@@ -54,20 +53,7 @@ def pipe_without_reader():
     return w
 
 
-def unfixed_where_shown(test):
-    """An unfixed fault that shows in some builds only: a failure is expected,
-    a pass is a skip. (The crash depends on what earlier calls left on the
-    stack: the host's gcc build crashes; the sanitizer builds and qemu may not.)"""
-
-    def run(self):
-        test(self)
-        self.skipTest("the fault does not show in this build")
-
-    return unittest.expectedFailure(functools.wraps(test)(run))
-
-
 class ServicePeersTest(procs.ProcessTest):
-    @unfixed_where_shown
     def test_resets_and_hostile_frames_leave_the_service_up(self):
         (follower,) = self.follow(1)
         null = os.open(os.devnull, os.O_WRONLY)
@@ -211,7 +197,6 @@ class ExhaustionTest(procs.ProcessTest):
             re.findall(r"source (-?\d+):", self.ctl("dump")[1])), "its topologies to go")
         self.assertIsNone(self.daemon.running())
 
-    @unittest.expectedFailure
     def test_idle_connections_cost_no_thread_each(self):
         self.daemon = self.start(self.folder)
         self.answered(self.connect(), "checkIfHDMIPlugged")
@@ -224,7 +209,6 @@ class ExhaustionTest(procs.ProcessTest):
             pass
         self.assertLess(status_of(self.daemon.proc.pid, "Threads") - before, 16)
 
-    @unittest.expectedFailure
     def test_the_service_serves_again_after_running_out_of_descriptors(self):
         self.daemon = self.start(self.folder, prefix=("prlimit", "--nofile=256", "--"))
         peers, progress = [], time.monotonic()

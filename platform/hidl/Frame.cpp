@@ -20,15 +20,49 @@
 
 #include <errno.h>
 #include <hidl/HostTransport.h>
+#include <inttypes.h>
+#include <log/log.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+
+#include <atomic>
+#include <random>
 
 namespace android {
 namespace hardware {
 namespace host {
 
-bool sendFrame(int fd, const FrameHeader& header, const std::string& body,
+namespace {
+
+// The flake mode's seed, read once; 0 when off.
+uint64_t flakeSeed() {
+    static const uint64_t seed = [] {
+        const char* text = getenv("VISTREL_TRANSPORT_FLAKE");
+        if (text == nullptr || text[0] == '\0') return uint64_t{0};
+        const uint64_t value = strtoull(text, nullptr, 0);
+        ALOGI("transport flake mode, seed %" PRIu64, value);
+        return value == 0 ? uint64_t{1} : value;
+    }();
+    return seed;
+}
+
+}  // namespace
+
+void flakePoint() {
+    const uint64_t seed = flakeSeed();
+    if (__builtin_expect(seed == 0, 1)) return;
+    // Each thread draws from its own generator: the seed and the thread's
+    // order of arrival make the sequence, so a failing run can be replayed.
+    static std::atomic<uint64_t> threads{0};
+    thread_local std::mt19937_64 random(seed * 0x9e3779b97f4a7c15ULL + threads++);
+    usleep(static_cast<useconds_t>(50 + random() % 400));
+}
+
+Sent sendFrame(int fd, const FrameHeader& header, const std::string& body,
                const std::vector<int>& fds, int flags) {
+    if (fds.size() > kMaxFrameFds || body.size() > kMaxFrameBytes) return Sent::kGone;
+    flakePoint();
     iovec parts[2] = {{const_cast<FrameHeader*>(&header), sizeof(header)},
                       {const_cast<char*>(body.data()), body.size()}};
     msghdr message{};
@@ -45,12 +79,37 @@ bool sendFrame(int fd, const FrameHeader& header, const std::string& body,
         memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
     }
     for (;;) {
-        if (sendmsg(fd, &message, MSG_NOSIGNAL | flags) >= 0) return true;
-        if (errno != EINTR) return false;
+        if (sendmsg(fd, &message, MSG_NOSIGNAL | flags) >= 0) return Sent::kSent;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) return Sent::kFull;
+        if (errno != EINTR) return Sent::kGone;
     }
 }
 
+namespace {
+
+// Takes the descriptors of every SCM_RIGHTS message the kernel wrote into
+// `message`, each counted from its own length. False when a header is not
+// whole or not a descriptor list (nothing else is asked for).
+bool takeDescriptors(msghdr* message, std::vector<int>* fds) {
+    bool ok = true;
+    for (cmsghdr* c = CMSG_FIRSTHDR(message); c != nullptr; c = CMSG_NXTHDR(message, c)) {
+        if (c->cmsg_len < CMSG_LEN(0)) return false;  // CMSG_NXTHDR trusts the length
+        const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        const bool rights = c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS;
+        for (size_t i = 0; rights && i < count; ++i) {
+            int received;
+            memcpy(&received, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
+            fds->push_back(received);  // owned by the frame from here on
+        }
+        ok = ok && rights;
+    }
+    return ok;
+}
+
+}  // namespace
+
 Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame, int flags) {
+    flakePoint();
     iovec part = {buffer->data(), buffer->size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFrameFds)];
     msghdr message{};
@@ -62,23 +121,19 @@ Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame, int flags
     do {
         n = recvmsg(fd, &message, MSG_CMSG_CLOEXEC | flags);
     } while (n < 0 && errno == EINTR);
-    for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
-        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
-        const size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < count; ++i) {
-            int received;
-            memcpy(&received, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
-            frame->fds.push_back(received);  // owned by the frame from here on
-        }
+    // A failed receive wrote no control data: nothing in `control` is read.
+    if (n < 0) {
+        return errno == EAGAIN || errno == EWOULDBLOCK ? Received::kNothing : Received::kEnd;
     }
+    const bool whole = takeDescriptors(&message, &frame->fds);
     if (n == 0) return Received::kEnd;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return Received::kNothing;
-    if (n < 0) return errno == ECONNRESET ? Received::kEnd : Received::kMalformed;
-    if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) return Received::kMalformed;
+    if (!whole || (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) return Received::kMalformed;
     if (static_cast<size_t>(n) < sizeof(FrameHeader)) return Received::kMalformed;
     memcpy(&frame->header, buffer->data(), sizeof(FrameHeader));
     const uint8_t kind = frame->header.kind;
-    if (frame->header.magic != kMagic || kind < kCall || kind > kReply) {
+    const uint8_t* reserved = frame->header.reserved;
+    if (frame->header.magic != kMagic || kind < kCall || kind > kReply ||
+        (reserved[0] | reserved[1] | reserved[2]) != 0) {
         return Received::kMalformed;
     }
     frame->body.assign(buffer->data() + sizeof(FrameHeader), n - sizeof(FrameHeader));

@@ -60,15 +60,32 @@ struct Frame {
     }
 };
 
-// Sends one frame whole, with its descriptors. False when the peer is gone.
-bool sendFrame(int fd, const FrameHeader& header, const std::string& body,
+// The header of a frame to send.
+inline FrameHeader headerOf(Kind kind, uint32_t object, uint32_t code, int32_t status) {
+    return FrameHeader{kMagic, kind, {}, object, code, status};
+}
+
+enum class Sent { kSent, kFull, kGone };
+
+// Sends one frame whole, with its descriptors. kFull only with MSG_DONTWAIT in
+// `flags` when the socket has no room now; kGone when the peer is gone.
+Sent sendFrame(int fd, const FrameHeader& header, const std::string& body,
                const std::vector<int>& fds, int flags);
 
 enum class Received { kFrame, kNothing, kEnd, kMalformed };
 
-// Receives one frame into *frame. Anything but a whole, well-formed frame with
-// at most kMaxFrameFds descriptors is malformed.
+// Receives one frame into *frame; `buffer` holds at least the largest frame
+// and one byte more. kNothing only with MSG_DONTWAIT in `flags`; kEnd when the
+// peer hung up, reset the connection or the socket failed. Anything but a
+// whole, well-formed frame with at most kMaxFrameFds descriptors is malformed.
+// The descriptors received are the frame's on every path, and closed with it.
 Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame, int flags);
+
+// The seeded flake mode, for race testing: with VISTREL_TRANSPORT_FLAKE=SEED
+// in the environment, the transport sleeps a random few hundred microseconds
+// at each of its send, receive, accept and death-notice points. Costs one
+// predictable branch when unset.
+void flakePoint();
 
 }  // namespace host
 }  // namespace hardware

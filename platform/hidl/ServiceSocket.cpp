@@ -33,6 +33,9 @@
 #include <chrono>
 #include <mutex>
 #include <thread>
+#include <utility>
+
+#include "ServingLoop.h"
 
 namespace android {
 namespace hardware {
@@ -42,7 +45,6 @@ using ::android::hidl::base::V1_0::IBase;
 
 namespace {
 
-constexpr int kRegistrationWaitMs = 5000;
 constexpr int kWatchPollMs = 100;
 
 }  // namespace
@@ -312,28 +314,7 @@ status_t serveService(const std::string& descriptor, const std::string& instance
     status_t status = OK;
     const int listener = listenInFolder(descriptor, instance, &status, error);
     if (listener < 0) return status;
-    std::thread([descriptor, instance, listener, ended = std::move(ended)] {
-        for (;;) {
-            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd < 0) {
-                if (errno == EINTR || errno == ECONNABORTED) continue;
-                ALOGE("accept on the service socket failed: %s", strerror(errno));
-                return;
-            }
-            ucred cred{};
-            socklen_t size = sizeof(cred);
-            // A client may come between this socket's start and the registration.
-            std::shared_ptr<ServiceEntry> entry =
-                    waitForService(descriptor, instance, kRegistrationWaitMs);
-            sp<IBase> service = entry != nullptr ? entry->service() : nullptr;
-            if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0 || service == nullptr) {
-                ::close(fd);
-                continue;
-            }
-            ALOGD("client pid %d connected", cred.pid);
-            Connection::forService(fd, service, descriptor.c_str(), cred, ended);
-        }
-    }).detach();
+    ServingLoop::get().listen(listener, descriptor, instance, std::move(ended));
     return OK;
 }
 

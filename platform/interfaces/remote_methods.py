@@ -101,9 +101,13 @@ def dispatch_function(name, callbacks, operations, oneway):
         out.append(f"        case {code}: {{ /* {method} */")
         for kind, arg in args:
             out.append(f"            {kind} {arg}{{}};")
+        # Bytes or descriptors left over make the frame malformed, as a short one does.
         if args:
             reads = ", ".join(f"&{a}" for _, a in args)
-            out.append(f"            if (!readAll(in, {reads})) return ::android::BAD_VALUE;")
+            out.append(f"            if (!readAll(in, {reads}) || !in.finished()) "
+                       "return ::android::BAD_VALUE;")
+        else:
+            out.append("            if (!in.finished()) return ::android::BAD_VALUE;")
         for kind, arg in args:
             if arg == "pid" and kind == "int32_t":
                 out.append("            pid = context.callerPid; /* the kernel's word, not the caller's */")

@@ -56,7 +56,7 @@ class Connection;
 // The largest frame and the most descriptors one frame carries.
 constexpr size_t kMaxFrameBytes = 64 * 1024;
 constexpr size_t kMaxFrameFds = 4;
-// Frames a serving side queues for one client before it gives the client up.
+// One-way frames queued for a peer that does not read; more are dropped.
 constexpr size_t kMaxClientBacklog = 256;
 
 // What the serving side knows of a call beyond its arguments: the caller's
@@ -103,6 +103,9 @@ class WireIn {
     // The next received descriptor, now the caller's; -1 when none is left.
     int takeFd();
     size_t left() const { return mBytes.size() - mOffset; }
+    // Every byte and every descriptor received was taken: the values read
+    // were the whole frame. A frame with more is malformed.
+    bool finished() const { return left() == 0 && mNextFd == mFds.size(); }
     Connection* link() const { return mLink; }
 
   private:
@@ -168,13 +171,15 @@ void watchService(const std::string& descriptor, const std::string& instance,
 
 // --- One connection ------------------------------------------------------
 
-// A socket between a client and a serving process. Each side has a reader
-// thread: the serving side's answers calls as they come; a client's hands
-// one-way calls to local objects, while a client's caller reads its own reply
-// (no hand-off between threads on the way back). Frames the serving side sends
-// without being asked (events) go onto the socket at once when it has room,
-// else through a bounded queue and a writer thread: a client that stops
-// reading is disconnected, never waited for.
+// A socket between a client and a serving process. The serving side's
+// connections are all watched by one event loop, which serves each one's
+// calls one at a time, in order, on a small pool of threads. A client has a
+// reader thread that hands one-way calls to local objects, while a client's
+// caller reads its own reply (no hand-off between threads on the way back).
+// One-way frames (events) go onto the socket at once when it has room, else
+// into a bounded queue written when it has; past the bound they are dropped
+// and counted, never waited for, and the peer stays connected: the next one
+// that gets through carries the count, and the receiving side logs it.
 class Connection : public virtual RefBase {
   public:
     // The client side, for a connected socket.
@@ -209,11 +214,12 @@ class Connection : public virtual RefBase {
     // Hangs up without notifying anybody: this side is done with the connection.
     void close();
 
+    // The connection's state, for the transport's own files.
     struct Impl;
+    Impl* impl() const { return mImpl.get(); }
 
   private:
     explicit Connection(std::unique_ptr<Impl> impl);
-    void start();
     std::unique_ptr<Impl> mImpl;
 };
 
@@ -350,8 +356,12 @@ class SocketProxy : public I {
     }
 
     bool isRemote() const override { return true; }
+    // As binder answers: a link to an object whose process is already gone
+    // fails with DEAD_OBJECT; a null recipient is refused.
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
-        return mLink->linkToDeath(recipient, cookie, this);
+        if (recipient == nullptr) return false;
+        if (!mLink->linkToDeath(recipient, cookie, this)) return Status::fromStatusT(DEAD_OBJECT);
+        return true;
     }
     Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
         return mLink->unlinkToDeath(recipient);

@@ -1,0 +1,100 @@
+/*
+ * Copyright (C) 2026 The libVistrel Authors
+ *
+ * Licensed under the Apache License, Version 2.0 (the "License");
+ * you may not use this file except in compliance with the License.
+ * You may obtain a copy of the License at
+ *
+ *      http://www.apache.org/licenses/LICENSE-2.0
+ *
+ * Unless required by applicable law or agreed to in writing, software
+ * distributed under the License is distributed on an "AS IS" BASIS,
+ * WITHOUT WARRANTIES OR CONDITIONS OF ANY KIND, either express or implied.
+ * See the License for the specific language governing permissions and
+ * limitations under the License.
+ */
+
+// The serving side's one event loop: a Looper watches every listener and
+// every served connection's socket, and a small pool of threads takes turns
+// at it. The thread polling the loop (the leader) reads what arrives; when it
+// takes a call, it hands the loop to an idle thread and serves the call
+// itself, so a call costs no hand-off between threads. Threads are added
+// while calls wait (up to kMaxPoolThreads) and leave after a while idle; when
+// all are busy the leader stays at the loop and the calls wait for a thread.
+
+#pragma once
+
+#include <hidl/HostTransport.h>
+#include <sys/types.h>
+#include <utils/Looper.h>
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace android {
+namespace hardware {
+namespace host {
+
+// The connections one user id may hold open to this process's services, and
+// all users together; connections past either are closed at once.
+constexpr size_t kMaxConnectionsPerUid = 64;
+constexpr size_t kMaxConnections = 256;
+// The threads that serve calls and the loop: kept at least, at most.
+constexpr size_t kMinPoolThreads = 2;
+constexpr size_t kMaxPoolThreads = 8;
+
+class ServingLoop {
+  public:
+    // The process's loop, started at its first use and never stopped.
+    static ServingLoop& get();
+
+    // Watches a serving connection's socket from now on; it counts against
+    // its peer's user id until release().
+    void add(const sp<Connection>& connection);
+    void release(uid_t uid);
+
+    // Runs `job` on a pool thread, never on the loop.
+    void run(std::function<void()> job);
+
+    // Accepts connections on the listening socket `listener` and serves
+    // descriptor/instance on them.
+    void listen(int listener, const std::string& descriptor, const std::string& instance,
+                ConnectionEnded ended);
+
+    // For the accept path: whether a peer of `uid` may connect now. A
+    // refusal is logged once for each burst of them.
+    bool roomFor(uid_t uid);
+
+  private:
+    ServingLoop();
+    void spawnLocked();
+    void threadMain();
+    // Polls the loop until it yields calls; returns the first, to be served
+    // by this thread once the loop is handed on. Under mLock.
+    std::function<void()> lead(std::unique_lock<std::mutex>& lock);
+
+    class ConnectionWatch;
+    class ListenerWatch;
+
+    const sp<Looper> mLooper;
+
+    std::mutex mLock;
+    std::condition_variable mWake;              // a job queued, or the loop left without a leader
+    std::deque<std::function<void()>> mJobs;    // under mLock: calls and ends waiting for a thread
+    bool mLeading = false;                      // under mLock: a thread polls the loop
+    size_t mThreads = 0;                        // under mLock: threads of the pool
+    size_t mIdle = 0;                           // under mLock: of them waiting for work
+    std::map<uid_t, size_t> mOpen;              // under mLock: connections per user id
+    size_t mOpenTotal = 0;                      // under mLock
+    bool mRefusing = false;                     // under mLock: refusals logged for this burst
+    std::vector<sp<ListenerWatch>> mListeners;  // under mLock: kept for the process's life
+};
+
+}  // namespace host
+}  // namespace hardware
+}  // namespace android
