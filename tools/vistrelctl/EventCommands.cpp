@@ -102,8 +102,9 @@ void printRecordingHeader() {
 
 // events --follow: one line per event as it arrives (flushed at once), until
 // SIGINT or SIGTERM. With --json the lines are a recording: its header first,
-// and with each plug or EDID change the EDID it brought.
-int followEvents(Context& ctx) {
+// and with `edids` (--edids) the EDID each plug or EDID change brought, read
+// from the service as the event arrives.
+int followEvents(Context& ctx, bool edids) {
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigaction(SIGINT, &action, nullptr);
@@ -115,7 +116,7 @@ int followEvents(Context& ctx) {
                "param4");
     } else {
         printRecordingHeader();
-        ctx.events->captureEdids();
+        if (edids) ctx.events->captureEdids();
     }
     if (!flushOutput(&ctx.error)) return kExitFailure;
     // From here on the tool waits for events on its own, not in the library.
@@ -158,9 +159,13 @@ constexpr int kEventTimeoutMs = 5000;
 
 // Plugs and unplugs the emulated TV: only the emulator has a cable to pull.
 int runEvents(Context& ctx) {
-    if (ctx.args.size() == 1 && ctx.args[0] == "--follow") return followEvents(ctx);
+    const std::vector<std::string>& f = ctx.args;
+    if (!f.empty() && f[0] == "--follow" &&
+        (f.size() == 1 || (f.size() == 2 && f[1] == "--edids"))) {
+        return followEvents(ctx, f.size() == 2);
+    }
 #ifndef VISTRELCTL_EMULATED
-    return ctx.fail(kExitUsage, "events: '--follow' expected");
+    return ctx.fail(kExitUsage, "events: '--follow [--edids]' expected");
 #else
     if (ctx.service == nullptr) {
         return ctx.fail(kExitUsage,

@@ -23,8 +23,8 @@
 //               "color_depth": .., "option": .., "hdr": .., "content_type": ..}}
 //
 // ("edid" is empty when no sink was plugged); then one event a line, with its
-// time in microseconds from the start and an "edid" in hex after a plug or an
-// EDID change:
+// time in microseconds from the start and, recorded with --edids, an "edid"
+// in hex after a plug or an EDID change:
 //
 //   {"t_us": 1204, "event": 1, "name": "HOT_PLUG", "param1": 1, ..., "param4": ..}
 //

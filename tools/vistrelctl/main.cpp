@@ -102,7 +102,9 @@ constexpr const char* kUsage =
         "  tv replay FILE [--speed X]     play back a recording of 'events --follow --json'\n"
         "                                 to every client, at its spacing divided by X\n"
 #endif
-        "  events --follow                print every event as it arrives, until interrupted\n"
+        "  events --follow [--edids]      print every event as it arrives, until interrupted;\n"
+        "                                 with --json a recording (tv replay), --edids: with\n"
+        "                                 the EDID each plug or EDID change brought\n"
         "  dump [--cmd N]                 the service's state report (or debug command N)\n"
         "\n"
         "options:\n"
