@@ -733,5 +733,142 @@ TEST_F(EmulatorTest, OutputFormatAndSettingsFollowWhatTheSinkTakes) {
     EXPECT_EQ(emulator->sink().edid(), readFile(kFullHdTv));
 }
 
+// ------------------------------------------------------------------------------------------
+// What clients make the service keep: their connection's, bounded, and gone with it.
+
+using Caller = HdmiUtilEmulator::Caller;
+using ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo;
+using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
+
+// A client's callback that counts the death links held on it.
+struct LinkCountingCallback : IHdmiUtilCallback {
+    ::android::hardware::Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t,
+                                                  int64_t) override {
+        return ::android::hardware::Void();
+    }
+    ::android::hardware::Return<bool> linkToDeath(
+            const sp<::android::hardware::hidl_death_recipient>&, uint64_t) override {
+        return ++links > 0;
+    }
+    ::android::hardware::Return<bool> unlinkToDeath(
+            const sp<::android::hardware::hidl_death_recipient>&) override {
+        return --links >= 0;
+    }
+    int links = 0;
+};
+
+class ClientStateTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        LogCapture::start();
+        std::string error;
+        emulator = HdmiUtilEmulator::fromFile(kUhdTv, &error);
+        ASSERT_NE(emulator, nullptr) << error;
+        emulator->setCaller([this] { return caller; });
+    }
+    void TearDown() override { emulator->shutdown(); }
+
+    // The registered clients, as "pid name" in registration-key order.
+    std::vector<std::string> clients() const {
+        std::vector<std::string> out;
+        for (const ServiceClient& c : emulator->clients()) {
+            out.push_back(std::to_string(c.pid) + " " + c.name);
+        }
+        return out;
+    }
+
+    // A topology of `source` with `count` instances, each naming `source`.
+    void report(uint64_t connection, int32_t source, size_t count) {
+        caller = {connection, static_cast<int32_t>(connection) * 100};
+        hHDRContentTopo topo{source, {}};
+        topo.instances.resize(count);
+        for (auto& i : topo.instances) i.instance[0] = source;
+        ASSERT_TRUE(emulator->handleTopoInfo(topo).isOk());
+    }
+
+    sp<HdmiUtilEmulator> emulator;
+    Caller caller;
+};
+
+// Registrations are keyed by connection: another connection naming the same pid neither
+// replaces nor removes them, a connection holds one, its end drops exactly its own. Callers in
+// this process (connection 0) are known by pid. A registration withdrawn or replaced takes
+// its death link with it.
+TEST_F(ClientStateTest, ARegistrationBelongsToTheConnectionThatMadeIt) {
+    std::map<std::string, sp<LinkCountingCallback>> callbacks;
+    const struct Step {
+        uint64_t connection;
+        int32_t pid;
+        const char* call;  // a name registers under it; "-" removes; "end" ends the connection
+        std::vector<std::string> after;
+    } steps[] = {
+            {1, 100, "a", {"100 a"}},
+            {2, 100, "b", {"100 a", "100 b"}},
+            {3, 100, "-", {"100 a", "100 b"}},
+            {2, 100, "-", {"100 a"}},
+            {1, 100, "c", {"100 c"}},
+            {1, 101, "d", {"101 d"}},
+            {0, 100, "e", {"100 e", "101 d"}},
+            {0, 100, "f", {"100 f", "101 d"}},
+            {3, 101, "end", {"100 f", "101 d"}},
+            {1, 0, "end", {"100 f"}},
+            {0, 0, "end", {"100 f"}},
+            {0, 100, "-", {}},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(std::to_string(step.connection) + " " + step.call);
+        caller = {step.connection, step.pid};
+        const std::string call = step.call;
+        if (call == "end") {
+            emulator->connectionEnded(step.connection);
+        } else if (call == "-") {
+            ASSERT_TRUE(emulator->removeCallback(step.pid).isOk());
+        } else {
+            callbacks[call] = new LinkCountingCallback();
+            ASSERT_TRUE(emulator->setCallback(step.pid, call, callbacks[call]).isOk());
+        }
+        EXPECT_EQ(clients(), step.after);
+    }
+    for (const auto& [name, callback] : callbacks) {
+        // d went with its connection, whose links go with it in the transport.
+        EXPECT_EQ(callback->links, name == "d" ? 1 : 0) << name;
+    }
+}
+
+// Per client: 32 producers of at most 16 instances each are kept, more are refused with one
+// warning per client; a connection's end frees its own topologies, which the report shows.
+TEST_F(ClientStateTest, TopologiesAreBoundedPerClientAndGoWithIt) {
+    for (int32_t source = 0; source < 33; ++source) report(1, source, 16);
+    report(1, 5, 2);    // a producer it has: replaced
+    report(1, 40, 17);  // more instances than a topology has
+    report(2, 40, 1);   // the next client has a quota of its own
+    report(2, 41, 17);
+    EXPECT_EQ(std::tuple(emulator->state().topologyReports, emulator->state().topologyRefusals),
+              std::tuple(32 + 1 + 1, 3));
+    EXPECT_EQ(LogCapture::countContaining("refused"), 2);
+    EXPECT_EQ(LogCapture::countContaining("client 100: topology of source 32 (16 instances)"), 1);
+    hHDRContentTopo topo;
+    ASSERT_TRUE(emulator->lastTopology(5, &topo));
+    EXPECT_EQ(topo.instances.size(), 2u);
+
+    emulator->connectionEnded(1);
+    std::vector<int32_t> kept;
+    for (int32_t source = 0; source <= 41; ++source) {
+        if (emulator->lastTopology(source, &topo)) kept.push_back(source);
+    }
+    EXPECT_EQ(kept, std::vector<int32_t>{40});
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    emulator->writeReport(fds[1]);
+    close(fds[1]);
+    std::string text(1 << 16, '\0');
+    text.resize(static_cast<size_t>(std::max<ssize_t>(0, read(fds[0], text.data(), text.size()))));
+    close(fds[0]);
+    EXPECT_NE(text.find("  topology reports refused: 3\n    source 40: 1 instances (connection 2)\n"
+                        "      (40,0,0,0) hdr 0 plane 0\n  events sent"),
+              std::string::npos)
+            << text;
+}
+
 }  // namespace
 }  // namespace mirova::emulator

@@ -144,7 +144,6 @@ class ServicePeersTest(procs.ProcessTest):
         kept.wait_for(400)
         self.assertEqual([e["param1"] for e in kept.events], list(range(400)))
 
-    @unittest.expectedFailure
     def test_a_registration_belongs_to_the_connection_that_made_it(self):
         # A child opens a connection, hands it over and becomes a follower: exec
         # keeps its pid, so both connections carry the same peer pid.
@@ -168,7 +167,6 @@ class ServicePeersTest(procs.ProcessTest):
 class ExhaustionTest(procs.ProcessTest):
     start_daemon = False
 
-    @unittest.expectedFailure
     def test_one_client_cannot_make_the_service_keep_without_bound(self):
         # Freed memory counts as freed: AddressSanitizer's quarantine would hold it.
         asan = ":".join(filter(None, (os.environ.get("ASAN_OPTIONS"), "quarantine_size_mb=0")))

@@ -65,6 +65,27 @@ int fail(const std::string& message) {
     return 1;
 }
 
+// The emulator learns from the transport which connection each call came on,
+// so that what a client makes it keep belongs to that client's connection.
+void serveClients(const ::android::sp<HdmiUtilEmulator>& service) {
+    service->setCaller([] {
+        const ::android::hardware::host::CallContext* call =
+                ::android::hardware::host::servingCall();
+        return call == nullptr ? HdmiUtilEmulator::Caller{0, getpid()}
+                               : HdmiUtilEmulator::Caller{call->connection, call->callerPid};
+    });
+}
+
+// ... and of each connection's end, which ends what the client had it keep.
+::android::hardware::host::ConnectionEnded connectionEnds(
+        const ::android::sp<HdmiUtilEmulator>& service) {
+    ::android::wp<HdmiUtilEmulator> weak = service;
+    return [weak](uint64_t connection) {
+        ::android::sp<HdmiUtilEmulator> held = weak.promote();
+        if (held != nullptr) held->connectionEnded(connection);
+    };
+}
+
 int run(int argc, char** argv) {
     std::string edidPath;
     for (int i = 1; i < argc; ++i) {
@@ -100,10 +121,11 @@ int run(int argc, char** argv) {
                                        &why)
                              : HdmiUtilEmulator::fromFile(edidPath, &why);
     if (service == nullptr) return fail(why);
+    serveClients(service);
     // The socket first: a second daemon stops here, before touching anything.
     const ::android::sp<ControlChannel> control = new ControlChannel(service);
-    if (::android::hardware::host::serveService(IHdmiUtil::descriptor, "default", &why) !=
-                ::android::OK ||
+    if (::android::hardware::host::serveService(IHdmiUtil::descriptor, "default", &why,
+                                                connectionEnds(service)) != ::android::OK ||
         control->start(&why) != ::android::OK) {
         return fail(why);
     }

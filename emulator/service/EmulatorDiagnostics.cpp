@@ -90,6 +90,29 @@ void HdmiUtilEmulator::writeReport(int fd) const {
     writeAll(fd, text);
 }
 
+// What the service keeps of each client's topologies; a client in another
+// process is named by its connection.
+std::string HdmiUtilEmulator::topologiesTextLocked() const {
+    std::string r;
+    if (mState.topologyRefusals != 0) {
+        appendf(&r, "  topology reports refused: %d\n", mState.topologyRefusals);
+    }
+    for (const auto& [connection, client] : mTopologies) {
+        for (const auto& [source, held] : client.sources) {
+            const hHDRContentTopo& topo = held.second;
+            appendf(&r, "    source %d: %zu instances", source, topo.instances.size());
+            if (connection != 0)
+                appendf(&r, " (connection %llu)", static_cast<unsigned long long>(connection));
+            r += "\n";
+            for (const auto& i : topo.instances) {
+                appendf(&r, "      (%d,%d,%d,%d) hdr %d plane %d\n", i.instance[0], i.instance[1],
+                        i.instance[2], i.instance[3], i.hdr, i.plane);
+            }
+        }
+    }
+    return r;
+}
+
 std::string HdmiUtilEmulator::reportLocked() const {
     const SinkModel& m = mSink.model();
     const State& s = mState;
@@ -131,13 +154,7 @@ std::string HdmiUtilEmulator::reportLocked() const {
     if (registered.empty()) r += " (none)";
     for (const ServiceClient& c : registered) appendf(&r, " %d (%s)", c.pid, c.name.c_str());
     appendf(&r, "\n  topology reports: %d\n", s.topologyReports);
-    for (const auto& [source, topo] : mTopologies) {
-        appendf(&r, "    source %d: %zu instances\n", source, topo.instances.size());
-        for (const auto& i : topo.instances) {
-            appendf(&r, "      (%d,%d,%d,%d) hdr %d plane %d\n", i.instance[0], i.instance[1],
-                    i.instance[2], i.instance[3], i.hdr, i.plane);
-        }
-    }
+    r += topologiesTextLocked();
     appendf(&r, "  events sent: %llu\n", static_cast<unsigned long long>(mDispatcher->sentCount()));
     for (const std::string& warning : m.warnings) appendf(&r, "  EDID note: %s\n", warning.c_str());
     if (!s.lastFakeEdidError.empty()) {

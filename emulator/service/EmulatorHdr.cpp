@@ -16,6 +16,8 @@
 
 #define LOG_TAG "HdmiUtilEmulator"
 
+#include <log/log.h>
+
 #include "HdmiUtilEmulator.h"
 
 namespace mirova::emulator {
@@ -61,19 +63,43 @@ Return<int32_t> HdmiUtilEmulator::emulateFwCallbackHDRType(int32_t a, int32_t b)
 // ---------------------------------------------------------------------------
 // IHdmiUtil: content topology
 
+const char* HdmiUtilEmulator::topologyRefusal(const hHDRContentTopo& topo, uint64_t client) const {
+    if (topo.instances.size() > kMaxTopologyInstances) return "more instances than a topology has";
+    auto held = mTopologies.find(client);
+    if (held == mTopologies.end() || held->second.sources.count(topo.source) != 0) return nullptr;
+    return held->second.sources.size() >= kMaxTopologySources ? "one producer too many" : nullptr;
+}
+
 Return<void> HdmiUtilEmulator::handleTopoInfo(const hHDRContentTopo& topo) {
+    const Caller from = caller();
     Mutex::Autolock _l(mLock);
-    mTopologies[topo.source] = topo;
-    ++mState.topologyReports;
+    const char* refusal = topologyRefusal(topo, from.connection);
+    ClientTopologies& client = mTopologies[from.connection];
+    if (refusal == nullptr) {
+        client.sources[topo.source] = {++mState.topologyReports, topo};
+        return Void();
+    }
+    ++mState.topologyRefusals;
+    if (!client.refusalLogged) {
+        client.refusalLogged = true;
+        ALOGW("client %d: topology of source %d (%zu instances) refused, %s (at most %zu "
+              "producers of %zu instances per client); its later refusals are not logged",
+              from.pid, topo.source, topo.instances.size(), refusal, kMaxTopologySources,
+              kMaxTopologyInstances);
+    }
     return Void();
 }
 
 bool HdmiUtilEmulator::lastTopology(int32_t source, hHDRContentTopo* topo) const {
     Mutex::Autolock _l(mLock);
-    auto it = mTopologies.find(source);
-    if (it == mTopologies.end()) return false;
-    *topo = it->second;
-    return true;
+    int32_t latest = 0;
+    for (const auto& [connection, client] : mTopologies) {
+        auto it = client.sources.find(source);
+        if (it == client.sources.end() || it->second.first < latest) continue;
+        latest = it->second.first;
+        *topo = it->second.second;
+    }
+    return latest != 0;
 }
 
 }  // namespace mirova::emulator

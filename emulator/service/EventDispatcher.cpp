@@ -19,6 +19,7 @@
 #include "EventDispatcher.h"
 
 #include <log/log.h>
+#include <stdint.h>
 
 namespace mirova::emulator {
 
@@ -37,9 +38,9 @@ constexpr size_t kRecentEvents = 32;
 class EventDispatcher::ClientDeath : public ::android::hardware::hidl_death_recipient {
   public:
     explicit ClientDeath(std::weak_ptr<EventDispatcher> owner) : mOwner(std::move(owner)) {}
-    void serviceDied(uint64_t pid, const ::android::wp<IBase>& who) override {
+    void serviceDied(uint64_t /*pid*/, const ::android::wp<IBase>& who) override {
         std::shared_ptr<EventDispatcher> owner = mOwner.lock();
-        if (owner != nullptr) owner->dropDeadClient(static_cast<int32_t>(pid), who);
+        if (owner != nullptr) owner->dropDeadClient(who);
     }
 
   private:
@@ -57,59 +58,86 @@ EventDispatcher::~EventDispatcher() {
     shutdown();
 }
 
-void EventDispatcher::setCallback(int32_t pid, const std::string& name,
+void EventDispatcher::setCallback(uint64_t connection, int32_t pid, const std::string& name,
                                   const sp<IHdmiUtilCallback>& callback) {
+    std::vector<sp<IHdmiUtilCallback>> dropped;  // released after the lock
     Mutex::Autolock _l(mLock);
-    if (callback == nullptr) {
-        mClients.erase(pid);
-        return;
+    for (auto it = mClients.begin(); it != mClients.end();) {
+        const bool replaced = it->first == ClientKey(connection, pid) ||
+                              (connection != 0 && it->first.first == connection);
+        if (replaced) dropped.push_back(unlinkLocked(it->second));
+        it = replaced ? mClients.erase(it) : std::next(it);
     }
-    mClients[pid] = {name, callback};
+    if (callback == nullptr) return;
+    mClients[{connection, pid}] = {name, callback};
     ALOGD("client %d (%s) registered", pid, name.c_str());
     // Linking does not call out: a callback whose process is already gone
     // refuses the link and is dropped at once.
     auto linked = callback->linkToDeath(mClientDeath, static_cast<uint64_t>(pid));
     if (!linked.isOk() || !linked) {
         ALOGW("client %d (%s) is already gone", pid, name.c_str());
-        mClients.erase(pid);
+        mClients.erase({connection, pid});
     }
 }
 
-void EventDispatcher::dropDeadClient(int32_t pid, const wp<IBase>& callback) {
-    sp<IHdmiUtilCallback> dropped;  // released after the lock
-    Mutex::Autolock _l(mLock);
-    auto it = mClients.find(pid);
-    if (it == mClients.end() || callback.unsafe_get() != it->second.callback.get()) return;
-    dropped = it->second.callback;
-    ALOGI("client %d (%s) died: registration dropped", pid, it->second.name.c_str());
-    mClients.erase(it);
+sp<EventDispatcher::IHdmiUtilCallback> EventDispatcher::unlinkLocked(const Client& client) {
+    auto unlinked = client.callback->unlinkToDeath(mClientDeath);
+    if (!unlinked.isOk()) ALOGV("client already gone: %s", unlinked.description().c_str());
+    return client.callback;
 }
 
-void EventDispatcher::removeCallback(int32_t pid) {
+void EventDispatcher::dropDeadClient(const wp<IBase>& callback) {
+    sp<IHdmiUtilCallback> dropped;  // released after the lock
+    Mutex::Autolock _l(mLock);
+    for (auto it = mClients.begin(); it != mClients.end(); ++it) {
+        if (callback.unsafe_get() != it->second.callback.get()) continue;
+        dropped = it->second.callback;
+        ALOGI("client %d (%s) died: registration dropped", it->first.second,
+              it->second.name.c_str());
+        mClients.erase(it);
+        return;
+    }
+}
+
+void EventDispatcher::removeCallback(uint64_t connection, int32_t pid) {
     sp<IHdmiUtilCallback> dropped;  // released after the lock: it may be the last reference
     Mutex::Autolock _l(mLock);
-    auto it = mClients.find(pid);
+    auto it = mClients.find({connection, pid});
     if (it == mClients.end()) return;
-    dropped = it->second.callback;
+    dropped = unlinkLocked(it->second);
     mClients.erase(it);
     ALOGD("client %d removed", pid);
+}
+
+void EventDispatcher::dropConnection(uint64_t connection) {
+    std::vector<sp<IHdmiUtilCallback>> dropped;  // released after the lock
+    Mutex::Autolock _l(mLock);
+    auto it = mClients.lower_bound({connection, INT32_MIN});
+    while (it != mClients.end() && it->first.first == connection) {
+        ALOGI("client %d (%s) hung up: registration dropped", it->first.second,
+              it->second.name.c_str());
+        dropped.push_back(it->second.callback);
+        it = mClients.erase(it);
+    }
 }
 
 std::vector<ServiceClient> EventDispatcher::clients() const {
     Mutex::Autolock _l(mLock);
     std::vector<ServiceClient> out;
-    for (const auto& [pid, client] : mClients) out.push_back({pid, client.name});
+    for (const auto& [key, client] : mClients) out.push_back({key.second, client.name});
     return out;
 }
 
 sp<EventDispatcher::IHdmiUtilCallback> EventDispatcher::callbackFor(int32_t pid) const {
     Mutex::Autolock _l(mLock);
-    auto it = mClients.find(pid);
-    return it == mClients.end() ? nullptr : it->second.callback;
+    for (const auto& [key, client] : mClients) {
+        if (key.second == pid) return client.callback;
+    }
+    return nullptr;
 }
 
 void EventDispatcher::dropClients() {
-    std::map<int32_t, Client> dropped;  // released after the lock: may be last references
+    std::map<ClientKey, Client> dropped;  // released after the lock: may be last references
     Mutex::Autolock _l(mLock);
     dropped.swap(mClients);
 }
@@ -137,7 +165,7 @@ uint64_t EventDispatcher::sentCount() const {
 }
 
 void EventDispatcher::shutdown() {
-    std::map<int32_t, Client> dropped;  // released after the lock: may be last references
+    std::map<ClientKey, Client> dropped;  // released after the lock: may be last references
     {
         Mutex::Autolock _l(mLock);
         mStopping = true;

@@ -14,9 +14,12 @@
  * limitations under the License.
  */
 
-// The emulated service's clients and its event thread. Clients register per
-// process id; events are queued by the service's operations and sent to every
-// registered callback from this thread, never from inside a caller's
+// The emulated service's clients and its event thread. A registration belongs
+// to the connection that made it: a client in another process is known by its
+// connection (its pid only names it, and a pid outlives nothing: a connection
+// can be handed on, a pid reused), a caller in this process (connection 0) by
+// its pid alone. Events are queued by the service's operations and sent to
+// every registered callback from this thread, never from inside a caller's
 // transaction, as a real service's binder calls would arrive.
 
 #pragma once
@@ -33,6 +36,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace mirova::emulator {
@@ -60,13 +64,19 @@ class EventDispatcher : public std::enable_shared_from_this<EventDispatcher> {
     static std::shared_ptr<EventDispatcher> start();
     ~EventDispatcher();
 
-    // Registers `callback` for `pid`, replacing an earlier registration of it.
-    // The registration ends with the client's process (its callback's death).
-    void setCallback(int32_t pid, const std::string& name,
+    // Registers `callback` for client `pid` on `connection` (0: in this
+    // process), replacing that client's earlier registration; a connection
+    // holds one registration at most, whatever pid it names. The registration
+    // ends with the client (its callback's death, or its connection's end).
+    void setCallback(uint64_t connection, int32_t pid, const std::string& name,
                      const ::android::sp<IHdmiUtilCallback>& callback) EXCLUDES(mLock);
-    void removeCallback(int32_t pid) EXCLUDES(mLock);
+    // Withdraws the registration of `pid` made on `connection`, never one
+    // made on another connection.
+    void removeCallback(uint64_t connection, int32_t pid) EXCLUDES(mLock);
+    // A connection has ended: exactly the registrations made on it go.
+    void dropConnection(uint64_t connection) EXCLUDES(mLock);
     std::vector<ServiceClient> clients() const EXCLUDES(mLock);
-    // The callback registered for `pid`, or null.
+    // The callback registered for `pid` (on any connection), or null.
     ::android::sp<IHdmiUtilCallback> callbackFor(int32_t pid) const EXCLUDES(mLock);
     // Forgets every client, as a service that loses its state does.
     void dropClients() EXCLUDES(mLock);
@@ -87,25 +97,29 @@ class EventDispatcher : public std::enable_shared_from_this<EventDispatcher> {
     class ClientDeath;
 
     EventDispatcher() = default;
-    // Drops the registration of `pid` if `callback` still holds it.
-    void dropDeadClient(int32_t pid,
-                        const ::android::wp<::android::hidl::base::V1_0::IBase>& callback)
+    // Who registered: the connection, then the pid it named.
+    using ClientKey = std::pair<uint64_t, int32_t>;
+    struct Client {
+        std::string name;
+        ::android::sp<IHdmiUtilCallback> callback;
+    };
+    // Drops the registration that `callback` still holds, if any.
+    void dropDeadClient(const ::android::wp<::android::hidl::base::V1_0::IBase>& callback)
             EXCLUDES(mLock);
+    // A registration that goes while its client lives: its death link goes
+    // with it, or a client registering again and again would grow the links.
+    // The callback, to be released after the lock.
+    ::android::sp<IHdmiUtilCallback> unlinkLocked(const Client& client) REQUIRES(mLock);
     // The thread's body: sends events until shutdown.
     void run() EXCLUDES(mLock);
     // Sends one event; false once stopping.
     bool sendNext() EXCLUDES(mLock);
 
-    struct Client {
-        std::string name;
-        ::android::sp<IHdmiUtilCallback> callback;
-    };
-
     mutable ::android::Mutex mLock;
     // Signalled when an event is queued, a delivery ends or the thread stops.
     ::android::Condition mChanged;
-    // Registered callbacks by process id; written by the service's binder calls.
-    std::map<int32_t, Client> mClients GUARDED_BY(mLock);
+    // Registered callbacks by connection and pid; written by the service's calls.
+    std::map<ClientKey, Client> mClients GUARDED_BY(mLock);
     // Events not yet sent, oldest first.
     std::deque<ServiceEvent> mQueue GUARDED_BY(mLock);
     // True while the thread hands an event to the clients without mLock.

@@ -21,6 +21,7 @@
 #include <cutils/properties.h>
 #include <log/log.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "EdidFile.h"
 #include "EmulatorText.h"
@@ -95,6 +96,21 @@ status_t HdmiUtilEmulator::publish(const std::string& instance) {
 
 void HdmiUtilEmulator::shutdown() {
     mDispatcher->shutdown();
+}
+
+void HdmiUtilEmulator::setCaller(CallerHook hook) {
+    mCaller = std::move(hook);
+}
+
+HdmiUtilEmulator::Caller HdmiUtilEmulator::caller() const {
+    return mCaller ? mCaller() : Caller{0, getpid()};
+}
+
+void HdmiUtilEmulator::connectionEnded(uint64_t connection) {
+    if (connection == 0) return;  // this process's callers are not a connection
+    mDispatcher->dropConnection(connection);
+    Mutex::Autolock _l(mLock);
+    mTopologies.erase(connection);
 }
 
 void HdmiUtilEmulator::plug() {
@@ -209,12 +225,12 @@ uint64_t HdmiUtilEmulator::eventsSent() const {
 
 Return<void> HdmiUtilEmulator::setCallback(int32_t pid, const hidl_string& processName,
                                            const sp<IHdmiUtilCallback>& callback) {
-    mDispatcher->setCallback(pid, processName.c_str(), callback);
+    mDispatcher->setCallback(caller().connection, pid, processName.c_str(), callback);
     return Void();
 }
 
 Return<void> HdmiUtilEmulator::removeCallback(int32_t pid) {
-    mDispatcher->removeCallback(pid);
+    mDispatcher->removeCallback(caller().connection, pid);
     return Void();
 }
 

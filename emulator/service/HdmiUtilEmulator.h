@@ -25,6 +25,13 @@
 // Start-up, as the real service's: build it, publish() it (registers as
 // "default" and sets "vendor.mirova.hdmi.service.start" to "1"). plug(),
 // unplug() and swapEdid() stand for the cable and the TV.
+//
+// What one client can make the service keep is bounded, and goes with the
+// client: one registration, and the topologies of at most kMaxTopologySources
+// producers of at most kMaxTopologyInstances instances each. A process that
+// serves clients of other processes says which connection each call came on
+// (setCaller) and when a connection ends (connectionEnded); without it, as in
+// this process or behind binder, all callers are one client, known by pid.
 
 #pragma once
 
@@ -37,10 +44,12 @@
 #include <vendor/mirova/hdmiutil/common/1.0/types.h>
 #include <vendor/mirova/hdmiutil/provider/1.0/IHdmiUtil.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "EventDispatcher.h"
@@ -61,6 +70,18 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     using IHdmiUtilCallback = ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
     template <typename T>
     using Return = ::android::hardware::Return<T>;
+    // Who makes the call being served: its connection (0 in this process) and
+    // the pid the kernel gave for it, for logs.
+    struct Caller {
+        uint64_t connection = 0;
+        int32_t pid = 0;
+    };
+    using CallerHook = std::function<Caller()>;
+
+    // Per client: the producers whose topology is kept, and the instances one
+    // topology may have (the library sends 16 at most).
+    static constexpr size_t kMaxTopologySources = 32;
+    static constexpr size_t kMaxTopologyInstances = 16;
     using hidl_handle = ::android::hardware::hidl_handle;
     using hidl_string = ::android::hardware::hidl_string;
     using FakeEdid = ::android::hardware::hidl_array<uint8_t, 256>;
@@ -92,7 +113,8 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
         int32_t videoFps2 = 0;
         int32_t oneStepClears = 0;
         std::set<int32_t> locks;
-        int32_t topologyReports = 0;
+        int32_t topologyReports = 0;    // kept
+        int32_t topologyRefusals = 0;   // over a client's limits
         std::string lastFakeEdidError;  // empty after an accepted substitute EDID
     };
 
@@ -109,6 +131,11 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     ::android::status_t publish(const std::string& instance = "default");
     // Stops the event thread and forgets the clients.
     void shutdown();
+    // Names the caller of the call being served; installed once, before the
+    // service is served to other processes.
+    void setCaller(CallerHook hook);
+    // A client's connection has ended: its registration and its topologies go.
+    void connectionEnded(uint64_t connection) EXCLUDES(mLock);
 
     // The emulated cable and TV.
     void plug() EXCLUDES(mLock);
@@ -134,7 +161,8 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     State state() const EXCLUDES(mLock);
     SinkProfile sink() const EXCLUDES(mLock);
     std::vector<ServiceClient> clients() const;
-    // The last topology received from `source`; false when none was.
+    // The last topology received from `source` (from any client); false when
+    // none is kept.
     bool lastTopology(int32_t source, hHDRContentTopo* topo) const EXCLUDES(mLock);
     // Waits until every event queued so far has been delivered.
     void waitForEvents();
@@ -213,18 +241,28 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     // A numbered property; 0 for an index never set.
     int32_t propertyLocked(int32_t index) const REQUIRES(mLock);
     std::string reportLocked() const REQUIRES(mLock);
+    std::string topologiesTextLocked() const REQUIRES(mLock);
     // One setting of the state, read or stored under the lock: what most
     // getters and setters of the interface amount to.
     int32_t readField(int32_t State::*field) const EXCLUDES(mLock);
     void storeField(int32_t State::*field, int32_t value) EXCLUDES(mLock);
     std::string debugTextLocked(int32_t cmd, bool* known) const REQUIRES(mLock);
+    Caller caller() const;
+    // Why `topo` from `client` is not kept, or null when it is.
+    const char* topologyRefusal(const hHDRContentTopo& topo, uint64_t client) const REQUIRES(mLock);
 
     // Guards everything below; taken before the dispatcher's own lock.
     mutable ::android::Mutex mLock;
     SinkProfile mSink GUARDED_BY(mLock);
     State mState GUARDED_BY(mLock);
-    // The last topology of each producer.
-    std::map<int32_t, hHDRContentTopo> mTopologies GUARDED_BY(mLock);
+    // One client's topologies, by producer, each with its report's number.
+    struct ClientTopologies {
+        std::map<int32_t, std::pair<int32_t, hHDRContentTopo>> sources;
+        bool refusalLogged = false;  // refusals are logged once per client
+    };
+    // By client connection.
+    std::map<uint64_t, ClientTopologies> mTopologies GUARDED_BY(mLock);
+    CallerHook mCaller;  // set before any call from another process
     // Clients and the event thread; set for the object's lifetime.
     const std::shared_ptr<EventDispatcher> mDispatcher;
 };

@@ -28,11 +28,11 @@ FakeHdmiUtil::FakeHdmiUtil() {
     ON_CALL(*this, setCallback(_, _, _))
             .WillByDefault(Invoke([this](int32_t pid, const hidl_string& name,
                                          const sp<IHdmiUtilCallback>& callback) {
-                mEvents->setCallback(pid, name, callback);
+                mEvents->setCallback(0, pid, name, callback);
                 return Void();
             }));
     ON_CALL(*this, removeCallback(_)).WillByDefault(Invoke([this](int32_t pid) {
-        mEvents->removeCallback(pid);
+        mEvents->removeCallback(0, pid);
         return Void();
     }));
 
