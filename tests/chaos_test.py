@@ -31,7 +31,6 @@ is reported, the next starts with new followers, and each wait is limited to
 5 s: to count the failed rounds).
 """
 
-import json
 import os
 import random
 import re
@@ -77,7 +76,7 @@ class Follower(procs.Follower):
 
     def read(self):
         for line in self.proc.stdout:
-            self.events.append(json.loads(line))
+            self.take(line)
             self.reading.wait()
 
     def count(self, event, after):
