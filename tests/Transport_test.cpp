@@ -27,7 +27,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -352,60 +351,6 @@ TEST(TransportFrameTest, MalformedFramesAreHungUpOnAndLeaveNoDescriptor) {
         EXPECT_TRUE(eventually([&] { return openDescriptors() <= before; }, 2s));
     }
     close(null);
-}
-
-// Folders a daemon must not serve in, each refused with one line that names
-// what is wrong, and nothing written through a planted link.
-TEST(ServiceTrustTest, AnUnsafeSocketFolderOrLockIsRefused) {
-    char base[] = "/tmp/vistrel-folders-XXXXXX";
-    ASSERT_NE(mkdtemp(base), nullptr);
-    const std::string b = base;
-    const std::string lock = "/" + std::string(IHdmiUtil::descriptor) + "-default.lock";
-    const std::string victim = b + "/victim";  // a private file of ours: modes do not stop it
-    close(open(victim.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-    ASSERT_EQ(mkdir((b + "/ours").c_str(), 0700), 0);
-    struct Row {
-        const char* what;
-        std::function<void(const std::string& folder)> make;
-        const char* refusal;  // after "FOLDER: " (or "FOLDER/LOCK: ")
-        bool lockNamed;
-        bool needsRoot;
-    } rows[] = {
-            {"open to its group", [](auto& f) { mkdir(f.c_str(), 0750); },
-             "open to group or others (mode 0750)", false, false},
-            {"open to all", [](auto& f) { mkdir(f.c_str(), 0777), chmod(f.c_str(), 0777); },
-             "open to group or others (mode 0777)", false, false},
-            {"a symlink to our own folder",
-             [&](auto& f) { symlink((b + "/ours").c_str(), f.c_str()); },
-             "a symbolic link, not a folder", false, false},
-            {"a file",
-             [](auto& f) { close(open(f.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)); },
-             "not a folder", false, false},
-            {"a lock planted as a symlink",
-             [&](auto& f) { mkdir(f.c_str(), 0700), symlink(victim.c_str(), (f + lock).c_str()); },
-             "a symbolic link, not a lock file", true, false},
-            {"owned by another user",
-             [](auto& f) { mkdir(f.c_str(), 0700), chown(f.c_str(), 65534, 65534); },
-             "owned by uid 65534, not by you (uid 0)", false, true},
-    };
-    int n = 0;
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
-        if (row.needsRoot && geteuid() != 0) continue;  // another user's needs root
-        const std::string folder = b + "/" + std::to_string(n++);
-        row.make(folder);
-        setenv("VISTREL_SOCKET_DIR", folder.c_str(), 1);
-        std::string error;
-        EXPECT_EQ(::android::hardware::host::serveService(IHdmiUtil::descriptor, "default", &error),
-                  ::android::PERMISSION_DENIED);
-        EXPECT_EQ(error,
-                  folder + (row.lockNamed ? lock : "") + ": " + row.refusal + ": refusing it");
-    }
-    struct stat info {};
-    EXPECT_EQ(stat(victim.c_str(), &info), 0);
-    EXPECT_EQ(info.st_size, 0);
-    unsetenv("VISTREL_SOCKET_DIR");
-    ASSERT_EQ(system(("rm -rf " + b).c_str()), 0);
 }
 
 // A listener at `path`, bound by this process; when `uid` is given, it listens

@@ -56,6 +56,9 @@ void waitFor(int fd, short events, int wakeFd = -1) {
 // Ends a client's connection: wakes every waiter and, unless this side hung
 // up itself, tells the recipients linked to the service's death.
 void hangUp(Connection::Impl* c) {
+    // Whether this side hung up is decided before the end shows: a close()
+    // made after the service's end was seen does not hide that end.
+    const bool told = !c->closing;
     c->alive = false;
     shutdown(c->fd, SHUT_RDWR);
     {
@@ -65,7 +68,7 @@ void hangUp(Connection::Impl* c) {
     }
     const std::vector<DeathLinks::Link> links = c->deathLinks.die();
     flakePoint();
-    if (!c->closing) DeathLinks::tell(links);
+    if (told) DeathLinks::tell(links);
 }
 
 // Hands one frame from the service to its local object. False when the

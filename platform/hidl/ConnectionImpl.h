@@ -55,6 +55,7 @@ struct ServingState {
     bool callTaken = false;    // a frame was read and is served: input is not watched
     bool replyQueued = false;  // the call's reply waits in the outbox
     bool ending = false;       // the end is decided (the peer is gone, or was given up)
+    bool tell = false;         // the end is the peer's: death recipients are told
     bool ended = false;        // the socket is closed and the end told
     int watched = -1;          // the Looper events asked for now; -1 before the first
 };

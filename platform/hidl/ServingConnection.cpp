@@ -52,6 +52,7 @@ std::vector<char>* loopBuffer() {
 // end, once no call runs. On a pool thread.
 void finishEnd(const sp<Connection>& connection) {
     Connection::Impl* c = connection->impl();
+    bool told = false;
     {
         sp<LooperCallback> watch;  // released outside the lock: it holds the connection
         sp<::android::hidl::base::V1_0::IBase> service;
@@ -59,6 +60,7 @@ void finishEnd(const sp<Connection>& connection) {
         std::lock_guard<std::mutex> queue(c->queueLock);
         if (c->state.ended) return;
         c->state.ended = true;
+        told = c->state.tell;
         watch = std::move(c->watch);
         c->looper.clear();
         service = std::move(c->service);
@@ -72,7 +74,7 @@ void finishEnd(const sp<Connection>& connection) {
     }
     const std::vector<DeathLinks::Link> links = c->deathLinks.die();
     flakePoint();
-    if (!c->closing) DeathLinks::tell(links);
+    if (told) DeathLinks::tell(links);
     if (c->ended) c->ended(c->peer.connection);
     ServingLoop::get().release(c->peer.callerUid);
 }
@@ -83,6 +85,7 @@ void endLocked(const sp<Connection>& connection) {
     c->alive = false;
     if (c->state.ending) return;
     c->state.ending = true;
+    c->state.tell = !c->closing;  // a close() from now on does not hide the peer's end
     if (c->looper != nullptr) c->looper->removeFd(c->fd);
     if (!c->state.callTaken) ServingLoop::get().run([connection] { finishEnd(connection); });
 }

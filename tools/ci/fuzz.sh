@@ -23,7 +23,7 @@ if [ -f emulator/edid/EdidParser.cpp ]; then
     targets+=(fuzz_edid_parser)
 fi
 if [ -f fuzz/fuzz_frames.cpp ]; then
-    targets+=(fuzz_frames)
+    targets+=(fuzz_frames fuzz_client_frames)
 fi
 cmake --build build-fuzz -j"$jobs" --target "${targets[@]}"
 
