@@ -32,7 +32,6 @@ is reported, the next starts with new followers, and each wait is limited to
 transport in its flake mode, seeded with this run's seed).
 """
 
-import json
 import os
 import random
 import re
@@ -78,7 +77,7 @@ class Follower(procs.Follower):
 
     def read(self):
         for line in self.proc.stdout:
-            self.events.append(json.loads(line))
+            self.take(line)
             self.reading.wait()
 
     def count(self, event, after):
