@@ -138,7 +138,8 @@ class ServicePeersTest(procs.ProcessTest):
             pass
         self.assertEqual([p.recv(64) for p in silent[CONTROL_LIMIT:]],
                          [b"error: too many control clients"] * 2)
-        self.assertEqual(status_of(self.daemon.proc.pid, "Threads"), threads)
+        # None per client (18 here); qemu-user may start a few threads of its own meanwhile.
+        self.assertLessEqual(status_of(self.daemon.proc.pid, "Threads") - threads, 4)
         self.assertEqual([p.recv(64) for p in silent[:CONTROL_LIMIT]], [b""] * CONTROL_LIMIT)
         self.ctl("tv", "plug")
         _, err = self.daemon.end(signal.SIGTERM)
