@@ -99,7 +99,7 @@ class ServingLoop::ListenerWatch : public LooperCallback, public MessageHandler 
         sp<IBase> service = entry != nullptr ? entry->service() : nullptr;
         if (service == nullptr) return rest(kRegistrationPollNs);
         flakePoint();
-        const int fd = accept4(mListener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int fd = accept4(mListener, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK) return false;
             if (errno == EINTR || errno == ECONNABORTED) return true;
