@@ -41,6 +41,7 @@
 #include <mutex>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/FakeHdmiUtil.h"
@@ -290,6 +291,29 @@ TEST_F(TransportTest, ABusyClientMissesEventsNotItsConnection) {
     EXPECT_TRUE(client->isAlive());
 }
 
+// A call that takes long delays no other connection's calls: the loop is
+// handed on while it is served.
+TEST_F(TransportTest, ASlowCallDelaysNoOtherConnection) {
+    Gate gate;
+    EXPECT_CALL(*fake, getPropVal(1)).WillOnce(Invoke([&gate](int32_t) {
+        gate.wait();
+        return 1;
+    }));
+    std::thread slow([this] { EXPECT_TRUE(proxy->getPropVal(1).isOk()); });
+    gate.awaitWaiters(1);
+    int other[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, other), 0);
+    Connection::forService(other[0], fake, IHdmiUtil::descriptor, ucred{kPeerPid, kPeerUid, 0});
+    sp<IHdmiUtil> second = static_cast<IHdmiUtil*>(
+            Connection::forClient(other[1])->proxyFor(0, IHdmiUtil::descriptor).get());
+    std::atomic<bool> answered{false};
+    std::thread quick([&] { answered = second->checkIfHDMIPlugged().isOk(); });
+    EXPECT_TRUE(eventually([&] { return answered.load(); }, 10s));
+    gate.open();
+    quick.join();
+    slow.join();
+}
+
 // Frames a hostile client sends, each on a connection of its own: what the
 // service answers and what makes it hang up. Every descriptor received is
 // closed by the connection's end, on every path.
@@ -321,6 +345,7 @@ TEST(TransportFrameTest, MalformedFramesAreHungUpOnAndLeaveNoDescriptor) {
             {"a handle whose descriptor did not come", frame(1, dump, handle(1)), 0, false},
             {"more descriptors than a frame carries", frame(1, dump, handle(4)), 5, false},
             {"a negative descriptor count", frame(1, dump, handle(-2)), 0, false},
+            {"a handle missing", frame(1, dump), 0, false},
             {"a byte past the arguments", frame(1, plugged, "x"), 0, false},
             {"a header cut short", frame(1, plugged).substr(0, 10), 0, false},
             {"a reserved byte set", frame(1, plugged, "", 0, 1), 0, false},
@@ -330,11 +355,22 @@ TEST(TransportFrameTest, MalformedFramesAreHungUpOnAndLeaveNoDescriptor) {
     sp<FakeHdmiUtil> fake = new FakeHdmiUtil();
     const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
     size_t before = 0;
+    {
+        // The serving loop makes its own descriptors once: a first connection
+        // comes and goes before they are counted.
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        std::atomic<bool> ended{false};
+        Connection::forService(ends[0], fake, IHdmiUtil::descriptor, ucred{kPeerPid, kPeerUid, 0},
+                               [&ended](uint64_t) { ended = true; });
+        close(ends[1]);
+        ASSERT_TRUE(eventually([&] { return ended.load(); }, 2s));
+        before = openDescriptors();
+    }
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.what);
         int ends[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        if (before == 0) before = openDescriptors();  // the serving loop's own are made by now
         sp<Connection> serving = Connection::forService(ends[0], fake, IHdmiUtil::descriptor,
                                                         ucred{kPeerPid, kPeerUid, 0});
         ASSERT_TRUE(sendWithDescriptors(ends[1], c.frame, std::vector<int>(c.fds, null)));
