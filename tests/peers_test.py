@@ -25,6 +25,7 @@ tests run as root. A refusal that "says so clearly" names the other user
 usage: peers_test.py VISTREL_HDMID VISTRELCTL EDID_DIR
 """
 
+import fcntl
 import os
 import random
 import re
@@ -47,9 +48,20 @@ MIB = 1024  # VmRSS is in KiB
 CONTROL_LIMIT = 16  # control clients connected at once
 
 
-def pipe_without_reader():
+def pipe_without_reader(test):
     r, w = os.pipe()
     os.close(r)
+    test.addCleanup(os.close, w)
+    return w
+
+
+def pipe_never_read(test):
+    """A full pipe whose reader stays and never reads."""
+    r, w = os.pipe()
+    test.addCleanup(os.close, r)
+    test.addCleanup(os.close, w)
+    fcntl.fcntl(w, fcntl.F_SETPIPE_SZ, 4096)
+    os.write(w, b"." * 4096)
     return w
 
 
@@ -97,17 +109,14 @@ class ServicePeersTest(procs.ProcessTest):
             peer.close()
         self.assertServing(follower)
 
-    def test_a_reader_gone_from_a_callers_descriptor_kills_nothing(self):
+    def test_a_reader_gone_or_stopped_kills_or_holds_nothing(self):
         (follower,) = self.follow(1)
-        for method, args in (("dumpState", b""), ("processHDMIDebugCmd", struct.pack("<i", 1))):
-            w = pipe_without_reader()
-            self.addCleanup(os.close, w)
-            self.answered(self.connect(), method, args + procs.handle(), [w])
-        # The tool's stdout without a reader: it ends by itself, not by a signal.
-        w = pipe_without_reader()
-        self.addCleanup(os.close, w)
-        code, _, err = self.ctl("dump", ok=False, stdout=w)
-        self.assertGreaterEqual(code, 0, err)
+        for pipe in (pipe_without_reader, pipe_never_read):
+            for method, args in (("dumpState", b""), ("processHDMIDebugCmd", struct.pack("<i", 1))):
+                self.answered(self.connect(), method, args + procs.handle(), [pipe(self)])
+            # The tool's stdout so: it ends by itself, not by a signal.
+            code, _, err = self.ctl("dump", ok=False, stdout=pipe(self))
+            self.assertGreaterEqual(code, 0, err)
         procs.run(["sh", "-c", '"$0" --socket-dir "$1" dump | true', procs.CTL, self.folder])
         self.assertServing(follower)
 
@@ -228,10 +237,12 @@ class ExhaustionTest(procs.ProcessTest):
         limit = max(used) + 3  # fewer descriptors left than the clients that come
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (limit, limit))
         peers = [self.connect(procs.CONTROL) for _ in range(limit - len(used) + 2)]
-        failed = lambda: self.daemon.stderr().count("cannot accept (Too many open files)")
-        procs.wait_until(failed, "an accept to fail")
-        time.sleep(0.5)  # more accepts fail meanwhile, logged once
-        self.assertEqual(failed(), 1, self.daemon.stderr())
+        procs.wait_until(lambda: "cannot accept (Too many open files)" in self.daemon.stderr(),
+                         "an accept to fail")
+        time.sleep(0.5)  # more accepts fail meanwhile, logged once until one succeeds
+        # (a silent client dropped at its deadline, under load, frees a descriptor)
+        episode = self.daemon.stderr().split("accepting again")[0]
+        self.assertEqual(episode.count("cannot accept"), 1, self.daemon.stderr())
         for peer in peers:
             peer.close()
         self.ctl("tv", "unplug")

@@ -161,18 +161,27 @@ class Daemon:
 
 class Follower:
     """`vistrelctl events --follow --json` (or a command that becomes one), its
-    lines collected as they come."""
+    lines collected as they come: a recording, its header apart."""
 
     def __init__(self, env, command=None, **popen):
         self.proc = subprocess.Popen(command or [CTL, "events", "--follow", "--json"], env=env,
                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
                                      text=True, **popen)
-        self.events = []
+        self.lines, self.header, self.events = [], None, []
         threading.Thread(target=self.read, daemon=True).start()
+
+    def take(self, line):
+        """Keeps one line: the header (the state at the start) or an event."""
+        self.lines.append(line)
+        entry = json.loads(line)
+        if "recording" in entry:
+            self.header = entry
+        else:
+            self.events.append(entry)
 
     def read(self):
         for line in self.proc.stdout:
-            self.events.append(json.loads(line))
+            self.take(line)
 
     def wait_for(self, count):
         wait_until(lambda: len(self.events) >= count, f"{count} events")

@@ -29,6 +29,8 @@
 
 #include <algorithm>
 
+#include "ScenarioPlayer.h"
+
 namespace mirova::emulator {
 
 using ::android::Looper;
@@ -87,6 +89,11 @@ std::string handleControl(HdmiUtilEmulator* service, const std::string& message)
         service->unplug();
         if (!service->swapEdid(edid, &why)) return "error: " + why;
         service->plug();
+    } else if (message.rfind("play\n", 0) == 0) {
+        Program program;
+        std::string why;
+        if (!decodeProgram(message.substr(5), &program, &why)) return "error: " + why;
+        return playProgram(service, program);
     } else {
         return "error: unknown request";
     }
@@ -158,6 +165,7 @@ status_t ControlChannel::listenOnSocket(std::string* error) {
 
 void ControlChannel::stop() {
     if (!mLoopThread.joinable()) return;
+    stopPlaying();  // a script or replay in hand would hold the worker to its end
     mLoopStopping = true;
     mLooper->wake();
     mLoopThread.join();

@@ -19,6 +19,7 @@
 // commands talk to it. This is no part of the service's interface: a real TV
 // is plugged by hand. One request per connection, one message each way:
 //   "plug" | "unplug" | "edid\n" followed by the EDID's bytes
+//   | "play\n" followed by a timed program (ScenarioProgram.h), answered once it has run
 //   answered "ok" or "error: <why>".
 
 #pragma once

@@ -42,9 +42,10 @@ const char* kindOf(mode_t mode) {
 }
 
 // Reads `fd` to its end into *bytes, one byte past `limit` at most, waiting
-// for data until `deadline`. An empty string on success, else the reason.
-std::string readUntil(int fd, size_t limit, std::chrono::steady_clock::time_point deadline,
-                      std::vector<uint8_t>* bytes) {
+// for data until `deadline`. An empty string on success, else the reason;
+// `limitText` says what the limit is.
+std::string readUntil(int fd, size_t limit, const char* limitText,
+                      std::chrono::steady_clock::time_point deadline, std::vector<uint8_t>* bytes) {
     bytes->resize(limit + 1);
     size_t size = 0;
     for (;;) {
@@ -65,8 +66,7 @@ std::string readUntil(int fd, size_t limit, std::chrono::steady_clock::time_poin
         if (n == 0) break;  // the end of the file, or the writer closed the pipe
         if (n > 0) size += static_cast<size_t>(n);
         if (size > limit) {
-            return "more than " + std::to_string(limit) +
-                   " bytes, the most an EDID has (256 blocks of 128)";
+            return "more than " + std::to_string(limit) + " bytes" + limitText;
         }
     }
     bytes->resize(size);
@@ -75,9 +75,10 @@ std::string readUntil(int fd, size_t limit, std::chrono::steady_clock::time_poin
 
 }  // namespace
 
-bool readEdidFile(const std::string& path, std::vector<uint8_t>* edid, std::string* error) {
+bool readUserFile(const std::string& path, const char* what, size_t limit, const char* limitText,
+                  std::vector<uint8_t>* bytes, std::string* error) {
     std::string why;
-    std::vector<uint8_t> bytes;
+    std::vector<uint8_t> read;
     // Non-blocking, so that opening a pipe without a writer, or a device, returns at once.
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
     struct stat st {};
@@ -87,17 +88,22 @@ bool readEdidFile(const std::string& path, std::vector<uint8_t>* edid, std::stri
         why = std::string(kindOf(st.st_mode)) + ", not a file or a pipe";
     } else {
         why = readUntil(
-                fd, kMaxEdidBytes,
+                fd, limit, limitText,
                 std::chrono::steady_clock::now() + std::chrono::milliseconds(kEdidPipeDeadlineMs),
-                &bytes);
+                &read);
     }
     if (fd >= 0) close(fd);
     if (why.empty()) {
-        *edid = std::move(bytes);
+        *bytes = std::move(read);
         return true;
     }
-    if (error != nullptr) *error = "cannot read EDID file " + path + ": " + why;
+    if (error != nullptr) *error = std::string("cannot read ") + what + " " + path + ": " + why;
     return false;
+}
+
+bool readEdidFile(const std::string& path, std::vector<uint8_t>* edid, std::string* error) {
+    return readUserFile(path, "EDID file", kMaxEdidBytes,
+                        ", the most an EDID has (256 blocks of 128)", edid, error);
 }
 
 }  // namespace mirova::emulator

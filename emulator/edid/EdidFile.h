@@ -39,4 +39,10 @@ constexpr int kEdidPipeDeadlineMs = 3000;
 // ended within kEdidPipeDeadlineMs (one without a writer, say).
 bool readEdidFile(const std::string& path, std::vector<uint8_t>* edid, std::string* error);
 
+// The same for any file a user names (a scenario script, a recording): at
+// most `limit` bytes (`limitText` follows the number in the message), and the
+// error names it as `what` ("cannot read <what> <path>: <why>").
+bool readUserFile(const std::string& path, const char* what, size_t limit, const char* limitText,
+                  std::vector<uint8_t>* bytes, std::string* error);
+
 }  // namespace mirova::emulator

@@ -25,6 +25,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "CallerOutput.h"
 #include "EmulatorText.h"
 #include "HdmiUtilEmulator.h"
 
@@ -41,20 +42,6 @@ namespace {
 int descriptorOf(const ::android::hardware::hidl_handle& handle) {
     const native_handle_t* h = handle.getNativeHandle();
     return h != nullptr && h->numFds >= 1 ? h->data[0] : -1;
-}
-
-// Writes all of `text`; the descriptor stays the caller's and stays open.
-void writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ALOGE("report not written to fd %d: %s", fd, strerror(errno));
-            return;
-        }
-        done += static_cast<size_t>(n);
-    }
 }
 
 }  // namespace
@@ -87,7 +74,7 @@ void HdmiUtilEmulator::writeReport(int fd) const {
         Mutex::Autolock _l(mLock);
         text = reportLocked();
     }
-    writeAll(fd, text);
+    writeToCaller(fd, text);
 }
 
 // What the service keeps of each client's topologies; a client in another
@@ -224,7 +211,7 @@ Return<int32_t> HdmiUtilEmulator::processHDMIDebugCmd(int32_t cmd, const hidl_ha
         Mutex::Autolock _l(mLock);
         text = debugTextLocked(cmd, &known);
     }
-    if (descriptor >= 0) writeAll(descriptor, text);
+    if (descriptor >= 0) writeToCaller(descriptor, text);
     return known ? kResultOk : kResultBadArgument;
 }
 

@@ -143,6 +143,16 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     // Replaces the TV's EDID; false with the parser's message when malformed.
     bool swapEdid(const std::vector<uint8_t>& edid, std::string* error) EXCLUDES(mLock);
 
+    // Replays (EmulatorReplay.cpp). The sink, cable and output as a recording
+    // found them, announced to nobody (an empty `edid` keeps the sink); false
+    // with the parser's message when the EDID is malformed.
+    bool restoreRecorded(const std::vector<uint8_t>& edid, bool plugged,
+                         const OutputFormat& current, std::string* error) EXCLUDES(mLock);
+    // Sends a recorded event as it was recorded, after taking the state it
+    // announces (plugged, unplugged, the output format) and the sink of
+    // `edid` when one is given (the EDID a plug or an EDID change brought).
+    void postRecorded(const ServiceEvent& event, const std::vector<uint8_t>& edid) EXCLUDES(mLock);
+
     // The source's side of the link (SourceLimits' defaults until set). A
     // change re-checks the current format against the new link.
     void setSourceLimits(const SourceLimits& source) EXCLUDES(mLock);

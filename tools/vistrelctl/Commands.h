@@ -26,6 +26,7 @@
 #include <Vistrel.h>
 #include <utils/StrongPointer.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -53,10 +54,13 @@ class EventSink : public VistrelCallback2 {
     struct Received {
         _vistrel_event event;
         std::chrono::steady_clock::time_point at;
+        std::string edid;  // in hex: the EDID a plug or an EDID change brought (captureEdids)
     };
 
     void onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
                      int64_t param4) override;
+    // From now on, reads the sink's EDID as each plug or EDID change arrives.
+    void captureEdids() { mCaptureEdids = true; }
     // Waits until `count` events have arrived in all; false after `timeoutMs`.
     bool waitForCount(size_t count, int timeoutMs);
     std::vector<Received> events();
@@ -65,6 +69,7 @@ class EventSink : public VistrelCallback2 {
     std::mutex mLock;
     std::condition_variable mArrived;
     std::vector<Received> mEvents;
+    std::atomic<bool> mCaptureEdids{false};
 };
 
 struct Context {

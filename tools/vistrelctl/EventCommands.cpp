@@ -32,10 +32,37 @@
 
 namespace mirova::vistrelctl {
 
+namespace {
+
+// The sink's EDID in hex; empty when none is plugged, or no service is at
+// hand (the library would wait for one).
+std::string edidHex() {
+    if (hdmi_tryGetService() != 1) return "";
+    _HDMITVCapInfo cap;
+    if (hdmi_getTVCapInfo(&cap) != 0 || cap.capWord3 <= 0 || cap.capWord3 > 256 * 128) return "";
+    std::vector<uint8_t> edid(static_cast<size_t>(cap.capWord3));
+    if (hdmi_getEDIDRawData(edid.data(), cap.capWord3) != 0) return "";
+    std::string hex;
+    char byte[3];
+    for (uint8_t b : edid) {
+        snprintf(byte, sizeof(byte), "%02x", b);
+        hex += byte;
+    }
+    return hex;
+}
+
+}  // namespace
+
 void EventSink::onHdmiEvent(int32_t event, int32_t param1, int32_t param2, int32_t param3,
                             int64_t param4) {
+    const auto at = std::chrono::steady_clock::now();
+    // Read here, on the library's worker, as the event arrives: the tool's own
+    // thread never waits in the library for a service that has gone.
+    const bool newSink = mCaptureEdids &&
+                         (event == emulator::kEventHotPlug || event == emulator::kEventEdidChange);
+    std::string edid = newSink ? edidHex() : "";
     std::lock_guard<std::mutex> guard(mLock);
-    mEvents.push_back({{event, param1, param2, param3, param4}, std::chrono::steady_clock::now()});
+    mEvents.push_back({{event, param1, param2, param3, param4}, at, std::move(edid)});
     mArrived.notify_all();
 }
 
@@ -61,9 +88,23 @@ void onInterrupt(int /*signal*/) {
 // How often a follower looks for an interruption while no event comes.
 constexpr int kFollowPollMs = 200;
 
+// The first line of a recording: the state the events alone do not show, for
+// a replay to start from (vistrelctl tv replay; its format: Recording.h).
+void printRecordingHeader() {
+    _HDMI_OUTPUT_FORMAT f{};
+    hdmi_getCurrentOutputFormat(&f);
+    printf("{\"recording\": 1, \"edid\": \"%s\", \"plugged\": %s, \"format\": {\"mode\": %d, "
+           "\"vic\": %d, \"vic_param\": %d, \"color\": %d, \"color_depth\": %d, "
+           "\"option\": %d, \"hdr\": %d, \"content_type\": %d}}\n",
+           edidHex().c_str(), hdmi_checkIfHDMIPlugged() == 1 ? "true" : "false", f.mode, f.vic,
+           f.vic_param, f.color, f.color_depth, f.option, f.hdr, f.content_type);
+}
+
 // events --follow: one line per event as it arrives (flushed at once), until
-// SIGINT or SIGTERM.
-int followEvents(Context& ctx) {
+// SIGINT or SIGTERM. With --json the lines are a recording: its header first,
+// and with `edids` (--edids) the EDID each plug or EDID change brought, read
+// from the service as the event arrives.
+int followEvents(Context& ctx, bool edids) {
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigaction(SIGINT, &action, nullptr);
@@ -73,6 +114,9 @@ int followEvents(Context& ctx) {
     if (!ctx.json) {
         printf("%10s  %-14s %8s %8s %8s  %s\n", "ms", "event", "param1", "param2", "param3",
                "param4");
+    } else {
+        printRecordingHeader();
+        if (edids) ctx.events->captureEdids();
     }
     if (!flushOutput(&ctx.error)) return kExitFailure;
     // From here on the tool waits for events on its own, not in the library.
@@ -86,10 +130,12 @@ int followEvents(Context& ctx) {
                     std::chrono::duration_cast<std::chrono::microseconds>(all[seen].at - start)
                             .count();
             if (ctx.json) {
+                const std::string& edid = all[seen].edid;
                 printf("{\"t_us\": %lld, \"event\": %d, \"name\": \"%s\", \"param1\": %d, "
-                       "\"param2\": %d, \"param3\": %d, \"param4\": %lld}\n",
+                       "\"param2\": %d, \"param3\": %d, \"param4\": %lld%s%s%s}\n",
                        us, e.event, eventName(e.event).c_str(), e.param1, e.param2, e.param3,
-                       static_cast<long long>(e.param4));
+                       static_cast<long long>(e.param4), edid.empty() ? "" : ", \"edid\": \"",
+                       edid.c_str(), edid.empty() ? "" : "\"");
             } else {
                 printf("%10.3f  %-14s %8d %8d %8d  %lld\n", us / 1000.0, eventName(e.event).c_str(),
                        e.param1, e.param2, e.param3, static_cast<long long>(e.param4));
@@ -113,9 +159,13 @@ constexpr int kEventTimeoutMs = 5000;
 
 // Plugs and unplugs the emulated TV: only the emulator has a cable to pull.
 int runEvents(Context& ctx) {
-    if (ctx.args.size() == 1 && ctx.args[0] == "--follow") return followEvents(ctx);
+    const std::vector<std::string>& f = ctx.args;
+    if (!f.empty() && f[0] == "--follow" &&
+        (f.size() == 1 || (f.size() == 2 && f[1] == "--edids"))) {
+        return followEvents(ctx, f.size() == 2);
+    }
 #ifndef VISTRELCTL_EMULATED
-    return ctx.fail(kExitUsage, "events: '--follow' expected");
+    return ctx.fail(kExitUsage, "events: '--follow [--edids]' expected");
 #else
     if (ctx.service == nullptr) {
         return ctx.fail(kExitUsage,

@@ -45,6 +45,7 @@
 #include "EdidFile.h"
 #include "HdmiUtilEmulator.h"
 #include "SinkProfile.h"
+#include "TvPrograms.h"
 #endif
 
 namespace mirova::vistrelctl {
@@ -96,8 +97,14 @@ constexpr const char* kUsage =
         "  tv plug | tv unplug | tv edid FILE\n"
         "                                 work the running vistrel-hdmid's TV (edid: swap\n"
         "                                 the TV for the one of FILE)\n"
+        "  tv script FILE                 run a scenario script on that TV (its format:\n"
+        "                                 README, \"Scenario scripts\")\n"
+        "  tv replay FILE [--speed X]     play back a recording of 'events --follow --json'\n"
+        "                                 to every client, at its spacing divided by X\n"
 #endif
-        "  events --follow                print every event as it arrives, until interrupted\n"
+        "  events --follow [--edids]      print every event as it arrives, until interrupted;\n"
+        "                                 with --json a recording (tv replay), --edids: with\n"
+        "                                 the EDID each plug or EDID change brought\n"
         "  dump [--cmd N]                 the service's state report (or debug command N)\n"
         "\n"
         "options:\n"
@@ -225,7 +232,13 @@ int run(int argc, char** argv) {
     }
     if (words.empty()) return error(kExitUsage, "no command given (see --help)");
 #ifdef VISTRELCTL_EMULATED
-    if (words[0] == "tv") return runTv(std::vector<std::string>(words.begin() + 1, words.end()));
+    if (words[0] == "tv") {
+        const std::vector<std::string> args(words.begin() + 1, words.end());
+        std::string why;
+        if (!isTvProgram(args)) return runTv(args);
+        const int code = runTvProgram(args, &why);
+        return code == kExitOk ? code : error(code, why);
+    }
 #endif
     Command command = nullptr;
     for (const CommandEntry& entry : kCommands) {
