@@ -213,9 +213,13 @@ TEST_F(TransportTest, EveryResultFormAndRecordCrossesWhole) {
     for (size_t i = 0; i < 256; ++i) edid[i] = static_cast<uint8_t>(255 - i);
     EXPECT_CALL(*fake, setFakeEDID(edid)).WillOnce(Return(Void()));
     EXPECT_TRUE(proxy->setFakeEDID(edid).isOk());
-    // A client that exports nothing still sees the service's end without a call.
+    // A client that exports nothing still sees the service's end without a
+    // call, and tells its recipients.
+    sp<hidl_death_recipient> recipient = new LoggingRecipient(&endLog);
+    ASSERT_TRUE(static_cast<bool>(proxy->linkToDeath(recipient, 9)));
     serving->close();
-    EXPECT_TRUE(eventually([this] { return !client->isAlive(); }, 2s));
+    EXPECT_TRUE(eventually([this] { return endLog.count("died 9") == 1; }, 2s));
+    EXPECT_FALSE(client->isAlive());
 }
 
 // A served call knows its caller's credentials and connection, as the kernel
