@@ -34,9 +34,11 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "NullHdmiUtil.h"
@@ -163,16 +165,46 @@ int followEvents(size_t count) {
 }
 
 // The bare counterpart: `count` frames of an event's size on `fd`, once it
-// has said it is ready (as the library's clients are once registered).
+// has said it is ready (as the library's clients are once registered). Each
+// is received on one thread and handed to a second, where its latency is
+// read: on a device too an event arrives on a binder thread and the library
+// hands it to its worker, on which callbacks run.
 int receiveBare(int fd, size_t count) {
+    std::mutex lock;
+    std::condition_variable arrived;
+    std::deque<int64_t> handed;  // under lock: send times received, not yet taken
+    bool ended = false;          // under lock: the receiving thread is done
     std::vector<int64_t> samples;
+    samples.reserve(count);
+    std::thread worker([&] {
+        std::unique_lock<std::mutex> guard(lock);
+        for (;;) {
+            arrived.wait(guard, [&] { return !handed.empty() || ended; });
+            if (handed.empty()) return;
+            const int64_t sent = handed.front();
+            handed.pop_front();
+            guard.unlock();
+            samples.push_back(nowNs() - sent);
+            guard.lock();
+        }
+    });
     char buffer[kEventBytes] = {};
-    if (send(fd, buffer, 1, MSG_NOSIGNAL) != 1) return 1;
-    while (samples.size() < count && recv(fd, buffer, sizeof(buffer), 0) > 0) {
+    bool ready = send(fd, buffer, 1, MSG_NOSIGNAL) == 1;
+    for (size_t received = 0; ready && received < count; ++received) {
+        if (recv(fd, buffer, sizeof(buffer), 0) <= 0) break;
         int64_t sent;
         memcpy(&sent, buffer + kEventBytes - sizeof(sent), sizeof(sent));
-        samples.push_back(nowNs() - sent);
+        std::lock_guard<std::mutex> guard(lock);
+        handed.push_back(sent);
+        arrived.notify_one();
     }
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        ended = true;
+        arrived.notify_one();
+    }
+    worker.join();
+    if (!ready) return 1;
     return write(STDOUT_FILENO, samples.data(), samples.size() * sizeof(int64_t)) > 0 ? 0 : 1;
 }
 
@@ -289,7 +321,8 @@ FanOut crossProcessFanOut() {
     }
     f.library = figuresOf(collect(children, kFanOutEvents));
 
-    // The same bytes sent straight to 8 processes.
+    // The same bytes sent straight to 8 processes, each received and handed
+    // to a second thread there.
     children.clear();
     std::vector<int> sockets;
     for (int i = 0; i < kClients; ++i) {

@@ -76,7 +76,7 @@ RoundTrip crossProcessRoundTrip();
 
 // One event fanned out to 8 client processes: from the service's send to
 // each client's callback, against a bare send of the same bytes to 8
-// processes.
+// processes, each received there and handed to a second thread.
 struct FanOut {
     LatencyFigures library;
     LatencyFigures bare;

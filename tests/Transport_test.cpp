@@ -41,6 +41,7 @@
 #include <mutex>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/FakeHdmiUtil.h"
@@ -212,9 +213,13 @@ TEST_F(TransportTest, EveryResultFormAndRecordCrossesWhole) {
     for (size_t i = 0; i < 256; ++i) edid[i] = static_cast<uint8_t>(255 - i);
     EXPECT_CALL(*fake, setFakeEDID(edid)).WillOnce(Return(Void()));
     EXPECT_TRUE(proxy->setFakeEDID(edid).isOk());
-    // A client that exports nothing still sees the service's end without a call.
+    // A client that exports nothing still sees the service's end without a
+    // call, and tells its recipients.
+    sp<hidl_death_recipient> recipient = new LoggingRecipient(&endLog);
+    ASSERT_TRUE(static_cast<bool>(proxy->linkToDeath(recipient, 9)));
     serving->close();
-    EXPECT_TRUE(eventually([this] { return !client->isAlive(); }, 2s));
+    EXPECT_TRUE(eventually([this] { return endLog.count("died 9") == 1; }, 2s));
+    EXPECT_FALSE(client->isAlive());
 }
 
 // A served call knows its caller's credentials and connection, as the kernel
@@ -290,6 +295,29 @@ TEST_F(TransportTest, ABusyClientMissesEventsNotItsConnection) {
     EXPECT_TRUE(client->isAlive());
 }
 
+// A call that takes long delays no other connection's calls: the loop is
+// handed on while it is served.
+TEST_F(TransportTest, ASlowCallDelaysNoOtherConnection) {
+    Gate gate;
+    EXPECT_CALL(*fake, getPropVal(1)).WillOnce(Invoke([&gate](int32_t) {
+        gate.wait();
+        return 1;
+    }));
+    std::thread slow([this] { EXPECT_TRUE(proxy->getPropVal(1).isOk()); });
+    gate.awaitWaiters(1);
+    int other[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, other), 0);
+    Connection::forService(other[0], fake, IHdmiUtil::descriptor, ucred{kPeerPid, kPeerUid, 0});
+    sp<IHdmiUtil> second = static_cast<IHdmiUtil*>(
+            Connection::forClient(other[1])->proxyFor(0, IHdmiUtil::descriptor).get());
+    std::atomic<bool> answered{false};
+    std::thread quick([&] { answered = second->checkIfHDMIPlugged().isOk(); });
+    EXPECT_TRUE(eventually([&] { return answered.load(); }, 10s));
+    gate.open();
+    quick.join();
+    slow.join();
+}
+
 // Frames a hostile client sends, each on a connection of its own: what the
 // service answers and what makes it hang up. Every descriptor received is
 // closed by the connection's end, on every path.
@@ -321,6 +349,7 @@ TEST(TransportFrameTest, MalformedFramesAreHungUpOnAndLeaveNoDescriptor) {
             {"a handle whose descriptor did not come", frame(1, dump, handle(1)), 0, false},
             {"more descriptors than a frame carries", frame(1, dump, handle(4)), 5, false},
             {"a negative descriptor count", frame(1, dump, handle(-2)), 0, false},
+            {"a handle missing", frame(1, dump), 0, false},
             {"a byte past the arguments", frame(1, plugged, "x"), 0, false},
             {"a header cut short", frame(1, plugged).substr(0, 10), 0, false},
             {"a reserved byte set", frame(1, plugged, "", 0, 1), 0, false},
@@ -330,11 +359,22 @@ TEST(TransportFrameTest, MalformedFramesAreHungUpOnAndLeaveNoDescriptor) {
     sp<FakeHdmiUtil> fake = new FakeHdmiUtil();
     const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
     size_t before = 0;
+    {
+        // The serving loop makes its own descriptors once: a first connection
+        // comes and goes before they are counted.
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        std::atomic<bool> ended{false};
+        Connection::forService(ends[0], fake, IHdmiUtil::descriptor, ucred{kPeerPid, kPeerUid, 0},
+                               [&ended](uint64_t) { ended = true; });
+        close(ends[1]);
+        ASSERT_TRUE(eventually([&] { return ended.load(); }, 2s));
+        before = openDescriptors();
+    }
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.what);
         int ends[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        if (before == 0) before = openDescriptors();  // the serving loop's own are made by now
         sp<Connection> serving = Connection::forService(ends[0], fake, IHdmiUtil::descriptor,
                                                         ucred{kPeerPid, kPeerUid, 0});
         ASSERT_TRUE(sendWithDescriptors(ends[1], c.frame, std::vector<int>(c.fds, null)));

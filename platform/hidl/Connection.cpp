@@ -92,11 +92,9 @@ sp<Connection> Connection::forClient(int fd) {
 
 sp<Connection> Connection::forService(int fd, const sp<IBase>& service, const char* descriptor,
                                       const ucred& peer, ConnectionEnded ended) {
+    // The loop never waits on the socket: every read and write on the serving
+    // side is MSG_DONTWAIT, and what cannot go on at once waits for an event.
     auto impl = std::make_unique<Impl>();
-    // The loop never waits on a socket: reads and writes that cannot go on at
-    // once are left for the socket's next event.
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) ALOGW("socket left blocking");
     impl->fd = fd;
     impl->serving = true;
     impl->service = service;

@@ -24,6 +24,7 @@
 #include <log/log.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -43,6 +44,9 @@ using ::android::hidl::base::V1_0::IBase;
 namespace {
 
 constexpr auto kIdleThreadLife = std::chrono::seconds(5);
+// How long a call may be served by the thread at the loop before the loop is
+// handed to another thread.
+constexpr int64_t kStallNs = 2 * 1000 * 1000;
 // How long the listener rests after accept failed for want of descriptors or
 // memory, and how often it looks for a service not registered yet.
 constexpr nsecs_t kAcceptRetryNs = 100 * 1000 * 1000;
@@ -99,7 +103,7 @@ class ServingLoop::ListenerWatch : public LooperCallback, public MessageHandler 
         sp<IBase> service = entry != nullptr ? entry->service() : nullptr;
         if (service == nullptr) return rest(kRegistrationPollNs);
         flakePoint();
-        const int fd = accept4(mListener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int fd = accept4(mListener, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK) return false;
             if (errno == EINTR || errno == ECONNABORTED) return true;
@@ -145,9 +149,11 @@ ServingLoop& ServingLoop::get() {
     return *loop;
 }
 
-ServingLoop::ServingLoop() : mLooper(new Looper(false)) {
+ServingLoop::ServingLoop()
+    : mLooper(new Looper(false)), mStallTimer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)) {
     std::lock_guard<std::mutex> guard(mLock);
     while (mThreads < kMinPoolThreads) spawnLocked();
+    std::thread([this] { watchdogMain(); }).detach();
 }
 
 void ServingLoop::spawnLocked() {
@@ -168,23 +174,22 @@ void ServingLoop::threadMain() {
             return;
         }
         --mIdle;
-        std::function<void()> job;
         if (!mLeading) {
             mLeading = true;
-            job = lead(lock);
+            lead(lock);  // returns once the loop was handed on
         } else {
-            job = std::move(mJobs.front());
+            std::function<void()> job = std::move(mJobs.front());
             mJobs.pop_front();
+            lock.unlock();
+            job();
+            job = nullptr;  // what it holds goes before the lock is taken again
+            lock.lock();
         }
-        lock.unlock();
-        job();
-        job = nullptr;  // what it holds goes before the lock is taken again
-        lock.lock();
         ++mIdle;
     }
 }
 
-std::function<void()> ServingLoop::lead(std::unique_lock<std::mutex>& lock) {
+void ServingLoop::lead(std::unique_lock<std::mutex>& lock) {
     std::vector<std::function<void()>> taken;
     for (;;) {
         lock.unlock();
@@ -193,19 +198,51 @@ std::function<void()> ServingLoop::lead(std::unique_lock<std::mutex>& lock) {
         tTaken = nullptr;
         lock.lock();
         if (taken.empty()) continue;
-        for (auto& call : taken) mJobs.push_back(std::move(call));
+        // The first call is served here, with the loop kept: most calls end
+        // at once, and no other thread need wake. Should it take longer than
+        // kStallNs the watchdog hands the loop to another thread, and this
+        // one leaves the loop when it is done.
+        std::function<void()> first = std::move(taken.front());
+        for (size_t i = 1; i < taken.size(); ++i) mJobs.push_back(std::move(taken[i]));
         taken.clear();
-        if (mIdle == 0 && mThreads >= kMaxPoolThreads) {
-            // Every thread is busy: the loop stays watched, the calls wait.
-            continue;
+        if (!mJobs.empty()) {
+            while (mIdle < mJobs.size() && mThreads < kMaxPoolThreads) spawnLocked();
+            mWake.notify_all();
         }
+        const uint64_t turn = ++mTurn;
+        mServingInLoop = true;
+        lock.unlock();
+        armWatchdog(kStallNs);
+        first();
+        first = nullptr;
+        armWatchdog(0);
+        lock.lock();
+        if (mServingInLoop && mTurn == turn) {
+            mServingInLoop = false;
+            continue;  // the loop is still this thread's
+        }
+        return;  // the watchdog gave the loop to another thread
+    }
+}
+
+void ServingLoop::armWatchdog(int64_t ns) {
+    itimerspec when{};
+    when.it_value.tv_sec = ns / 1000000000;
+    when.it_value.tv_nsec = ns % 1000000000;
+    if (timerfd_settime(mStallTimer, 0, &when, nullptr) != 0) ALOGW("watchdog not set");
+}
+
+void ServingLoop::watchdogMain() {
+    for (;;) {
+        uint64_t expired = 0;
+        if (read(mStallTimer, &expired, sizeof(expired)) != sizeof(expired)) continue;
+        std::lock_guard<std::mutex> guard(mLock);
+        if (!mServingInLoop) continue;  // the call ended meanwhile
+        // A call served in the loop takes long: the loop goes to another thread.
+        mServingInLoop = false;
         mLeading = false;
-        std::function<void()> first = std::move(mJobs.front());
-        mJobs.pop_front();
-        // An idle thread takes the loop, and others the calls left.
-        while (mIdle < mJobs.size() + 1 && mThreads < kMaxPoolThreads) spawnLocked();
+        if (mIdle == 0 && mThreads < kMaxPoolThreads) spawnLocked();
         mWake.notify_all();
-        return first;
     }
 }
 

@@ -16,11 +16,13 @@
 
 // The serving side's one event loop: a Looper watches every listener and
 // every served connection's socket, and a small pool of threads takes turns
-// at it. The thread polling the loop (the leader) reads what arrives; when it
-// takes a call, it hands the loop to an idle thread and serves the call
-// itself, so a call costs no hand-off between threads. Threads are added
-// while calls wait (up to kMaxPoolThreads) and leave after a while idle; when
-// all are busy the leader stays at the loop and the calls wait for a thread.
+// at it. The thread at the loop (the leader) reads what arrives and serves a
+// call it takes itself, keeping the loop: a call costs no hand-off between
+// threads and wakes no other. A watchdog timer, armed while it serves, hands
+// the loop to another thread when a call takes longer than a moment, so a
+// slow call delays no other connection. Other calls taken at once go to idle
+// threads; threads are added while calls wait (up to kMaxPoolThreads) and
+// leave after a while idle.
 
 #pragma once
 
@@ -74,24 +76,29 @@ class ServingLoop {
     ServingLoop();
     void spawnLocked();
     void threadMain();
-    // Polls the loop until it yields calls; returns the first, to be served
-    // by this thread once the loop is handed on. Under mLock.
-    std::function<void()> lead(std::unique_lock<std::mutex>& lock);
+    // Polls the loop and serves the calls it yields, until the watchdog
+    // hands the loop to another thread. Under mLock.
+    void lead(std::unique_lock<std::mutex>& lock);
+    void armWatchdog(int64_t ns);  // 0 disarms
+    void watchdogMain();
 
     class ConnectionWatch;
     class ListenerWatch;
 
     const sp<Looper> mLooper;
+    const int mStallTimer;  // expires when a call served at the loop takes long
 
     std::mutex mLock;
-    std::condition_variable mWake;              // a job queued, or the loop left without a leader
-    std::deque<std::function<void()>> mJobs;    // under mLock: calls and ends waiting for a thread
-    bool mLeading = false;                      // under mLock: a thread polls the loop
-    size_t mThreads = 0;                        // under mLock: threads of the pool
-    size_t mIdle = 0;                           // under mLock: of them waiting for work
-    std::map<uid_t, size_t> mOpen;              // under mLock: connections per user id
-    size_t mOpenTotal = 0;                      // under mLock
-    bool mRefusing = false;                     // under mLock: refusals logged for this burst
+    std::condition_variable mWake;            // a job queued, or the loop left without a leader
+    std::deque<std::function<void()>> mJobs;  // under mLock: calls and ends waiting for a thread
+    bool mLeading = false;          // under mLock: a thread has the loop (polls, or serves a call)
+    bool mServingInLoop = false;    // under mLock: the thread at the loop serves a call
+    uint64_t mTurn = 0;             // under mLock: calls served at the loop so far
+    size_t mThreads = 0;            // under mLock: threads of the pool
+    size_t mIdle = 0;               // under mLock: of them waiting for work
+    std::map<uid_t, size_t> mOpen;  // under mLock: connections per user id
+    size_t mOpenTotal = 0;          // under mLock
+    bool mRefusing = false;         // under mLock: refusals logged for this burst
     std::vector<sp<ListenerWatch>> mListeners;  // under mLock: kept for the process's life
 };
 
