@@ -166,11 +166,16 @@ Status Connection::transact(uint32_t object, uint32_t code, const WireOut& args,
     std::unique_ptr<Frame> answer;
     uint32_t dropped = 0;
     while (sent && answer == nullptr) {
-        waitFor(c->fd, POLLIN);
+        // A receive that waits (the reader thread reads nothing while a call
+        // is in progress): one system call per frame, not a poll and a read.
         auto frame = std::make_unique<Frame>();
-        std::lock_guard<std::mutex> guard(c->readLock);
-        const Received got = receiveFrame(c->fd, &c->buffer, frame.get(), MSG_DONTWAIT);
-        if (got == Received::kNothing) continue;
+        std::unique_lock<std::mutex> guard(c->readLock);
+        const Received got = receiveFrame(c->fd, &c->buffer, frame.get(), 0);
+        if (got == Received::kNothing) {
+            guard.unlock();
+            waitFor(c->fd, POLLIN);  // a socket made non-blocking by its owner
+            continue;
+        }
         if (got != Received::kFrame) break;  // the reader thread sees the end too
         if (frame->header.kind == kReply) {
             answer = std::move(frame);
