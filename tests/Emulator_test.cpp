@@ -870,5 +870,40 @@ TEST_F(ClientStateTest, TopologiesAreBoundedPerClientAndGoWithIt) {
             << text;
 }
 
+// A lock belongs to the client that took it: others find it busy and cannot release it, one
+// client holds 8 at most, and a connection's end frees its own. Numbered properties are kept
+// for indices 0 to 31 only, whoever writes them; the first ignored write is logged.
+TEST_F(ClientStateTest, LocksAndPropertiesAreBounded) {
+    caller = {3, 300};
+    for (int32_t id = 100; id < 108; ++id) ASSERT_EQ(emulator->acquireLock(id), kResultOk);
+    // clang-format off
+    const struct Step {
+        uint64_t connection;
+        char call;  // acquireLock, releaseLock, its end, setPropVal(id, 7), getPropVal: l u e s g
+        int32_t id;
+        int32_t result;  // of l and g
+    } steps[] = {
+        {1, 'l', 3, kResultOk}, {1, 'l', 3, kResultLockBusy}, {2, 'l', 3, kResultLockBusy},
+        {2, 'u', 3, 0}, {2, 'l', 3, kResultLockBusy}, {1, 'e', 0, 0}, {2, 'l', 3, kResultOk},
+        {3, 'l', 108, kResultLockLimit}, {3, 'u', 100, 0}, {3, 'l', 108, kResultOk},
+        {2, 'l', 109, kResultOk},
+        {1, 's', 31, 0}, {2, 'g', 31, 7}, {1, 's', 32, 0}, {1, 'g', 32, 0}, {1, 's', -1, 0},
+        {1, 'g', -1, 0}};
+    // clang-format on
+    for (const Step& step : steps) {
+        SCOPED_TRACE(std::to_string(step.connection) + step.call + std::to_string(step.id));
+        caller = {step.connection, static_cast<int32_t>(step.connection) * 100};
+        int32_t result = 0;
+        bool ok = true;
+        if (step.call == 'l') result = emulator->acquireLock(step.id);
+        if (step.call == 'u') ok = emulator->releaseLock(step.id).isOk();
+        if (step.call == 'e') emulator->connectionEnded(step.connection);
+        if (step.call == 's') ok = emulator->setPropVal(step.id, 7).isOk();
+        if (step.call == 'g') result = emulator->getPropVal(step.id);
+        EXPECT_EQ(std::tuple(ok, result), std::tuple(true, step.result));
+    }
+    EXPECT_EQ(LogCapture::countContaining("only indices 0 to 31 are kept"), 1);
+}
+
 }  // namespace
 }  // namespace mirova::emulator

@@ -23,6 +23,7 @@ usage: multiprocess_test.py VISTREL_HDMID VISTRELCTL EDID_DIR
 import os
 import signal
 import struct
+import subprocess
 import time
 
 import procs
@@ -46,8 +47,34 @@ class MultiProcessTest(procs.ProcessTest):
                     for e in f.events] for f in followers]
         self.assertEqual(streams, [streams[0][:len(expected)]] * 3)  # the same, and no more
         self.assertEqual(streams[0][6][1:4], [1, 256, 16])  # the new TV: its EDID, VIC 16
-        for f in followers:
-            self.assertEqual(procs.ended(f.proc, signal.SIGINT), 0)
+
+    def test_a_follower_ends_at_sigint_or_sigterm_even_without_a_service(self):
+        followers = self.follow(4)
+        for i, f in enumerate(followers):
+            if i == 2:  # the release must not wait for the service that has gone
+                self.daemon.end(signal.SIGKILL)
+            self.assertEqual(procs.ended(f.proc, (signal.SIGINT, signal.SIGTERM)[i % 2]), 0, i)
+
+    def test_the_tool_says_once_which_folder_it_waits_on(self):
+        log = os.path.join(self.base, "tool.err")
+
+        def said():
+            with open(log, encoding="utf-8") as f:
+                return f.read()
+
+        self.daemon.proc.send_signal(signal.SIGSTOP)  # takes connections, answers no call
+        with open(log, "w", encoding="utf-8") as err:
+            tool = subprocess.Popen([procs.CTL, "--socket-dir", self.folder, "status"],
+                                    stdout=subprocess.DEVNULL, stderr=err)
+        self.procs.append(tool)
+        wait_until(lambda: "using vistrel-hdmid" in said(), "the tool to choose the daemon")
+        self.daemon.end(signal.SIGKILL)  # gone while the tool waits for its answer
+        waiting = f"waiting for the HDMI service on {self.folder} "
+        wait_until(lambda: waiting in said(), "the tool to say where it waits")
+        time.sleep(1)  # room for a repeat, which would come within 250 ms
+        self.daemon = self.start(self.folder)
+        self.assertGreaterEqual(procs.ended(tool), 0)  # ended by itself, with the new one
+        self.assertEqual(said().count(waiting), 1, said())
 
     def test_daemon_restart_reaches_clients_without_a_call(self):
         followers = self.follow(2)

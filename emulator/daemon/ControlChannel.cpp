@@ -21,13 +21,16 @@
 #include <errno.h>
 #include <hidl/HostTransport.h>
 #include <log/log.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "ScenarioPlayer.h"
 
@@ -101,26 +104,63 @@ std::string handleControl(HdmiUtilEmulator* service, const std::string& message)
     return "ok";
 }
 
+namespace {
+
+// Connects to the daemon's control socket, waiting at most kControlAnswerMs
+// for room in its queue, and checks who serves it; -1 with the reason in *why.
+int connectControl(const sockaddr_un& address, std::string* why) {
+    const std::string path = controlSocketPath();
+    ::android::base::unique_fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    // connect() and send() on a local socket wait for room at most SO_SNDTIMEO.
+    const timeval limit = {kControlAnswerMs / 1000, 0};
+    if (fd.get() < 0 || setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
+        *why = std::string("no socket: ") + strerror(errno);
+        return -1;
+    }
+    if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        *why = errno == EAGAIN || errno == EINPROGRESS
+                       ? "vistrel-hdmid on " + path + " takes no connection"
+                       : "no vistrel-hdmid is running on " + path;
+        return -1;
+    }
+    *why = ::android::hardware::host::refusalOf(fd.get(), path);
+    return why->empty() ? fd.release() : -1;
+}
+
+// Waits up to `ms` for the answer on `fd`; false when none came.
+bool waitForAnswer(int fd, int64_t ms) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    pollfd entry = {fd, POLLIN, 0};
+    int ready;
+    do {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+        ready = poll(&entry, 1, static_cast<int>(std::max<int64_t>(0, left.count())));
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+}  // namespace
+
 bool sendControl(const std::string& command, const std::vector<uint8_t>& payload,
-                 std::string* reply) {
+                 std::string* reply, int64_t answerMs) {
     sockaddr_un address;
     if (!controlAddress(&address)) {
         *reply = "control socket path too long";
         return false;
     }
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        *reply = "no vistrel-hdmid is running on " + controlSocketPath();
-        if (fd >= 0) close(fd);
-        return false;
-    }
+    const ::android::base::unique_fd fd(connectControl(address, reply));
+    if (fd.get() < 0) return false;
     std::string message = command;
     message.append(payload.begin(), payload.end());
     // A refusal is answered before the request is read: it is received even
     // when sending failed because the daemon had already closed its end.
-    send(fd, message.data(), message.size(), MSG_NOSIGNAL);
-    receiveMessage(fd, 0, reply);
-    close(fd);
+    send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL);
+    if (!waitForAnswer(fd.get(), answerMs)) {
+        *reply = "vistrel-hdmid did not answer within " + std::to_string(answerMs / 1000) + " s";
+        return false;
+    }
+    receiveMessage(fd.get(), MSG_DONTWAIT, reply);
     if (reply->empty()) *reply = "vistrel-hdmid did not answer";
     return *reply == "ok";
 }
@@ -313,10 +353,19 @@ bool ControlChannel::answerNext() {
         request = std::move(mRequests.front());
         mRequests.pop_front();
     }
+    const std::string what = request.text.substr(0, std::min<size_t>(request.text.find('\n'), 16));
+    // A client that has stopped waiting (a program ran long before its turn)
+    // was told it failed: its TV is not worked behind its back.
+    pollfd peer = {request.client.get(), 0, 0};
+    if (poll(&peer, 1, 0) > 0 && (peer.revents & POLLHUP) != 0) {
+        ALOGW("control: %s not carried out: its client has gone", what.c_str());
+        request.client.reset();
+        --mOpen;
+        return true;
+    }
     const std::string reply = request.text.size() > kMaxMessage
                                       ? "error: request too long"
                                       : handleControl(mService.get(), request.text);
-    const std::string what = request.text.substr(0, std::min<size_t>(request.text.find('\n'), 16));
     ALOGI("control: %s -> %s", what.c_str(), reply.c_str());
     answer(request.client.get(), reply);
     request.client.reset();

@@ -20,11 +20,13 @@
 // is plugged by hand. One request per connection, one message each way:
 //   "plug" | "unplug" | "edid\n" followed by the EDID's bytes
 //   | "play\n" followed by a timed program (ScenarioProgram.h), answered once it has run
-//   answered "ok" or "error: <why>".
+//   answered "ok" or "error: <why>". A request whose client has given up
+//   waiting by the time its turn comes is not carried out.
 
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <stdint.h>
 #include <utils/Condition.h>
 #include <utils/Errors.h>
 #include <utils/Looper.h>
@@ -44,10 +46,18 @@ namespace mirova::emulator {
 // The control socket in the socket folder.
 std::string controlSocketPath();
 
-// Sends one request to the running daemon. False, with the reason in *reply,
-// when none is reachable or it refused the request.
+// How long a client waits to reach the daemon, and for the answer to a
+// request that runs no program: the daemon answers a plug, an unplug or a TV
+// swap once its events have left.
+constexpr int64_t kControlAnswerMs = 5000;
+
+// Sends one request to the running daemon and waits at most `answerMs` for its
+// answer (a program's request: its length and kControlAnswerMs). False, with
+// the reason in *reply, when none is reachable, when the socket's server is run
+// by a user other than this process's or root, when no answer comes in time,
+// or when the daemon refused the request.
 bool sendControl(const std::string& command, const std::vector<uint8_t>& payload,
-                 std::string* reply);
+                 std::string* reply, int64_t answerMs = kControlAnswerMs);
 
 // Carries out one request on `service`; the answer to send back.
 std::string handleControl(HdmiUtilEmulator* service, const std::string& message);

@@ -135,7 +135,7 @@ std::string HdmiUtilEmulator::reportLocked() const {
     for (const auto& [index, value] : s.properties) appendf(&r, " %d=%d", index, value);
     r += "\n  locks held:";
     if (s.locks.empty()) r += " (none)";
-    for (int32_t id : s.locks) appendf(&r, " %d", id);
+    for (const auto& lock : s.locks) appendf(&r, " %d", lock.first);
     r += "\n  clients:";
     const std::vector<ServiceClient> registered = mDispatcher->clients();
     if (registered.empty()) r += " (none)";

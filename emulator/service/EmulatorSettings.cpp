@@ -16,6 +16,10 @@
 
 #define LOG_TAG "HdmiUtilEmulator"
 
+#include <log/log.h>
+
+#include <algorithm>
+
 #include "HdmiUtilEmulator.h"
 
 namespace mirova::emulator {
@@ -29,7 +33,14 @@ using ::android::hardware::Void;
 
 Return<void> HdmiUtilEmulator::setPropVal(int32_t index, int32_t value) {
     Mutex::Autolock _l(mLock);
-    mState.properties[index] = value;
+    if (index >= 0 && index < kPropertyCount) {
+        mState.properties[index] = value;
+    } else if (!mPropertyRefusalLogged) {
+        mPropertyRefusalLogged = true;
+        ALOGW("setPropVal(%d): only indices 0 to %d are kept; writes to others are ignored, "
+              "and not logged again",
+              index, kPropertyCount - 1);
+    }
     return Void();
 }
 
@@ -134,13 +145,21 @@ Return<int32_t> HdmiUtilEmulator::control5v(int32_t value) {
 }
 
 Return<int32_t> HdmiUtilEmulator::acquireLock(int32_t lockId) {
+    const uint64_t client = caller().connection;
     Mutex::Autolock _l(mLock);
-    return mState.locks.insert(lockId).second ? kResultOk : kResultLockBusy;
+    if (mState.locks.count(lockId) != 0) return kResultLockBusy;
+    const auto held = std::count_if(mState.locks.begin(), mState.locks.end(),
+                                    [client](const auto& lock) { return lock.second == client; });
+    if (static_cast<size_t>(held) >= kMaxClientLocks) return kResultLockLimit;
+    mState.locks[lockId] = client;
+    return kResultOk;
 }
 
 Return<void> HdmiUtilEmulator::releaseLock(int32_t lockId) {
+    const uint64_t client = caller().connection;
     Mutex::Autolock _l(mLock);
-    mState.locks.erase(lockId);
+    auto lock = mState.locks.find(lockId);
+    if (lock != mState.locks.end() && lock->second == client) mState.locks.erase(lock);
     return Void();
 }
 

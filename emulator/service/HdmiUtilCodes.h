@@ -169,8 +169,12 @@ constexpr int32_t kResultBadArgument = -22;
 // no sink is plugged or the request cannot be met.
 // control5v(value): 0 switches the 5 V supply off, 1 on, any other value only
 // asks; the answer is the supply's state afterwards (1 on).
-// acquireLock(id): 0 when taken, -16 when already held.
+// acquireLock(id): 0 when taken, -16 when already held (by any client, the
+// caller too), -12 when the caller holds HdmiUtilEmulator::kMaxClientLocks.
+// releaseLock(id) frees only a lock of the caller's; a client's locks go with
+// its connection.
 constexpr int32_t kResultLockBusy = -16;
+constexpr int32_t kResultLockLimit = -12;
 // checkHDRModeSupported(mode): 1 when the plugged sink takes the kHdrMode* mode,
 // 0 when not, kResultBadArgument for other codes.
 // isUnderDoviMode(any): 1 while the output is on in kHdrModeDolbyVision.
@@ -185,8 +189,9 @@ constexpr int32_t kDebugFormats = 3;
 constexpr int32_t kDebugEvents = 4;
 
 // ---------------------------------------------------------------------------
-// Numbered properties the service acts on (all others are plain storage; an
-// index never set reads 0).
+// Numbered properties the service acts on. The others from 0 to
+// HdmiUtilEmulator::kPropertyCount - 1 are plain storage; a write to any other
+// index is ignored (the first one logged); an index never set reads 0.
 
 constexpr int32_t kPropIgnoreEdid = 0;     // nonzero: any VIC of the CTA-861 table is taken
 constexpr int32_t kPropIgnoreHotplug = 1;  // nonzero: plug events are not sent

@@ -111,6 +111,9 @@ void HdmiUtilEmulator::connectionEnded(uint64_t connection) {
     mDispatcher->dropConnection(connection);
     Mutex::Autolock _l(mLock);
     mTopologies.erase(connection);
+    for (auto lock = mState.locks.begin(); lock != mState.locks.end();) {
+        lock = lock->second == connection ? mState.locks.erase(lock) : std::next(lock);
+    }
 }
 
 void HdmiUtilEmulator::plug() {

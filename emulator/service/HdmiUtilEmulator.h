@@ -27,8 +27,10 @@
 // unplug() and swapEdid() stand for the cable and the TV.
 //
 // What one client can make the service keep is bounded, and goes with the
-// client: one registration, and the topologies of at most kMaxTopologySources
-// producers of at most kMaxTopologyInstances instances each. A process that
+// client: one registration, the topologies of at most kMaxTopologySources
+// producers of at most kMaxTopologyInstances instances each, and
+// kMaxClientLocks locks. Numbered properties are kept for kPropertyCount
+// indices, whoever sets them. A process that
 // serves clients of other processes says which connection each call came on
 // (setCaller) and when a connection ends (connectionEnded); without it, as in
 // this process or behind binder, all callers are one client, known by pid.
@@ -82,6 +84,10 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     // topology may have (the library sends 16 at most).
     static constexpr size_t kMaxTopologySources = 32;
     static constexpr size_t kMaxTopologyInstances = 16;
+    // Per client: the locks held at once.
+    static constexpr size_t kMaxClientLocks = 8;
+    // The numbered properties kept: indices 0 to kPropertyCount - 1.
+    static constexpr int32_t kPropertyCount = 32;
     using hidl_handle = ::android::hardware::hidl_handle;
     using hidl_string = ::android::hardware::hidl_string;
     using FakeEdid = ::android::hardware::hidl_array<uint8_t, 256>;
@@ -112,10 +118,10 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
         int32_t videoFps1 = 0;
         int32_t videoFps2 = 0;
         int32_t oneStepClears = 0;
-        std::set<int32_t> locks;
-        int32_t topologyReports = 0;    // kept
-        int32_t topologyRefusals = 0;   // over a client's limits
-        std::string lastFakeEdidError;  // empty after an accepted substitute EDID
+        std::map<int32_t, uint64_t> locks;  // by lock id: the connection holding it
+        int32_t topologyReports = 0;        // kept
+        int32_t topologyRefusals = 0;       // over a client's limits
+        std::string lastFakeEdidError;      // empty after an accepted substitute EDID
     };
 
     // A service for the sink of `edid`, plugged. Null with the parser's
@@ -134,7 +140,7 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     // Names the caller of the call being served; installed once, before the
     // service is served to other processes.
     void setCaller(CallerHook hook);
-    // A client's connection has ended: its registration and its topologies go.
+    // A client's connection has ended: its registration, its topologies and its locks go.
     void connectionEnded(uint64_t connection) EXCLUDES(mLock);
 
     // The emulated cable and TV.
@@ -262,6 +268,7 @@ class HdmiUtilEmulator : public ::vendor::mirova::hdmiutil::provider::V1_0::IHdm
     };
     // By client connection.
     std::map<uint64_t, ClientTopologies> mTopologies GUARDED_BY(mLock);
+    bool mPropertyRefusalLogged GUARDED_BY(mLock) = false;  // the first ignored write is logged
     CallerHook mCaller;  // set before any call from another process
     // Clients and the event thread; set for the object's lifetime.
     const std::shared_ptr<EventDispatcher> mDispatcher;

@@ -164,9 +164,8 @@ int connectTo(const sockaddr_un& address) {
     return fd;
 }
 
-// Why the service on connected socket `fd` (at `path`) is not to be trusted,
-// or "" when it is: only a service run by this process's user, or by root, is.
-// Anybody who can write in the socket folder could serve an impostor there.
+}  // namespace
+
 std::string refusalOf(int fd, const std::string& path) {
     ucred cred{};
     socklen_t size = sizeof(cred);
@@ -180,6 +179,8 @@ std::string refusalOf(int fd, const std::string& path) {
              cred.pid, me);
     return path + ": " + why + ": refusing it";
 }
+
+namespace {
 
 // Logs a refusal once: lookups are repeated while a client waits for a service.
 void logRefusal(const std::string& refusal) {

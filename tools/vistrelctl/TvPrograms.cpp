@@ -69,8 +69,11 @@ int runTvProgram(const std::vector<std::string>& args, std::string* error) {
                  std::to_string(emulator::kMaxProgramBytes) + "): split it";
         return kExitFailure;
     }
+    // Answered once the last action's events have left.
+    const int64_t lengthMs = program.actions.empty() ? 0 : program.actions.back().atUs / 1000;
     std::string reply;
-    if (!emulator::sendControl("play\n", std::vector<uint8_t>(text.begin(), text.end()), &reply)) {
+    if (!emulator::sendControl("play\n", std::vector<uint8_t>(text.begin(), text.end()), &reply,
+                               lengthMs + emulator::kControlAnswerMs)) {
         *error = "tv " + what + ": " + reply;
         return kExitFailure;
     }

@@ -149,6 +149,12 @@ sp<::android::hidl::base::V1_0::IBase> connectService(const std::string& descrip
                                                       const std::string& instance,
                                                       std::string* refusal = nullptr);
 
+// Why the server of connected socket `fd` (at `path`, for the message) is not
+// to be trusted, or "" when it is: only a server run by this process's user or
+// by root is (SO_PEERCRED). Anybody who can write in the socket folder could
+// serve an impostor there. connectService asks this of every service.
+std::string refusalOf(int fd, const std::string& path);
+
 // Serves the service registered in this process as descriptor/instance to
 // other processes until the process ends. Creates the socket folder (owner
 // only) when missing; an existing one must be a folder (not a symbolic link)
