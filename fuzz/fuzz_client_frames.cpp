@@ -44,19 +44,15 @@
 #include <poll.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "HdmiUtilEmulator.h"
+#include "HostileEnd.h"
 
 namespace {
 
@@ -71,9 +67,7 @@ using ::android::hidl::base::V1_0::IBase;
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtil;
 using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
 using namespace ::vendor::mirova::hdmiutil::common::V1_0;  // NOLINT(build/namespaces)
-
-constexpr size_t kMaxFds = 7;
-const std::string kHuge(::android::hardware::host::kMaxFrameBytes + 64, '\0');
+using hostile::frame;
 
 class CountingCallback : public IHdmiUtilCallback {
   public:
@@ -90,72 +84,36 @@ class Recipient : public hidl_death_recipient {
     std::atomic<bool> died{false};
 };
 
-// The descriptors sent to the side under test are copies of one memory file
-// of this name, made anew for each input: any copy open after the input's end
-// was kept by the side under test.
-constexpr const char* kSentName = "vistrel-fuzz-sent";
-
-int sentFile() {
-    const int fd = memfd_create(kSentName, MFD_CLOEXEC);
-    if (fd < 0) abort();
-    return fd;
-}
-
-size_t sentStillOpen() {
-    size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code ignored;
-        count += std::filesystem::read_symlink(entry.path(), ignored).string().find(kSentName) !=
-                 std::string::npos;
-    }
-    return count;
-}
-
-std::string frame(uint8_t kind, uint32_t object, uint32_t code, int32_t status,
-                  const std::string& body) {
-    std::string out("VSTL", 4);
-    out += static_cast<char>(kind);
-    out.append(3, '\0');
-    const uint32_t words[] = {object, code, static_cast<uint32_t>(status)};
-    out.append(reinterpret_cast<const char*>(words), sizeof(words));
-    return out + body;
-}
-
 // The hostile service, following the script on its end of the socket pair.
-class Service {
+class Service : public hostile::End {
   public:
-    Service(int fd, const uint8_t* data, size_t size)
-        : mFd(fd), mSent(sentFile()), mData(data), mSize(size) {}
-    ~Service() {
-        if (mFd >= 0) close(mFd);
-        close(mSent);
-    }
+    Service(int fd, const uint8_t* data, size_t size) : End(fd), mScript{data, size} {}
 
     void run() {
-        while (mAt < mSize && mFd >= 0) {
-            const uint8_t op = byte();
+        while (!mScript.done() && open()) {
+            const uint8_t op = mScript.byte();
             const size_t fds = op >> 5;
             switch (op % 6) {
                 case 0: {
                     uint32_t code = 0;
                     if (!takeCall(&code)) return;
-                    const uint8_t kind = byte() > 0xF0 ? 2 : 3;
-                    const int8_t status = static_cast<int8_t>(byte());
-                    send(frame(kind, 0, code, (op & 8) != 0 ? status : 0, bytes(byte())), fds);
+                    const uint8_t kind = mScript.byte() > 0xF0 ? 2 : 3;
+                    const int8_t status = static_cast<int8_t>(mScript.byte());
+                    send(frame(kind, 0, code, (op & 8) != 0 ? status : 0, next()), fds);
                     break;
                 }
                 case 1: {
-                    const uint32_t object = byte();
-                    const uint32_t code = byte();
-                    const int32_t status = static_cast<int8_t>(byte());
-                    send(frame(2, object, code, status, bytes(byte())), fds);
+                    const uint32_t object = mScript.byte();
+                    const uint32_t code = mScript.byte();
+                    const int32_t status = static_cast<int8_t>(mScript.byte());
+                    send(frame(2, object, code, status, next()), fds);
                     break;
                 }
                 case 2:
-                    send(bytes(byte()), fds);
+                    send(next(), fds);  // a full socket loses it
                     break;
                 case 3:
-                    shutdown(mFd, SHUT_WR);
+                    halfClose();
                     break;
                 case 4: {
                     uint32_t code;
@@ -163,70 +121,28 @@ class Service {
                     return;  // closed by the destructor: with a call unread, a reset
                 }
                 default:
-                    send(kHuge, 0);
+                    send(hostile::kHuge, 0);
                     break;
             }
         }
     }
 
   private:
-    uint8_t byte() { return mAt < mSize ? mData[mAt++] : 0; }
-    std::string bytes(size_t n) {
-        n = std::min(n, mSize - mAt);
-        std::string out(reinterpret_cast<const char*>(mData + mAt), n);
-        mAt += n;
-        return out;
-    }
+    // A length byte and that many bytes of the script.
+    std::string next() { return mScript.bytes(mScript.byte()); }
 
     // Reads the client's next call; false when none comes.
     bool takeCall(uint32_t* code) {
-        pollfd p = {mFd, POLLIN, 0};
-        if (poll(&p, 1, 2000) != 1) return false;
+        if (!waitFor(POLLIN, 2000)) return false;
         char buffer[::android::hardware::host::kMaxFrameBytes + 64];
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFds)];
-        iovec part = {buffer, sizeof(buffer)};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        const ssize_t n = recvmsg(mFd, &message, MSG_CMSG_CLOEXEC);
+        const ssize_t n = receive(buffer, sizeof(buffer), 0);
         if (n <= 0) return false;
-        for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
-            for (size_t i = 0; i < (c->cmsg_len - CMSG_LEN(0)) / sizeof(int); ++i) {
-                int fd;
-                memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
-                close(fd);
-            }
-        }
         *code = n >= 16 ? static_cast<uint8_t>(buffer[12]) | static_cast<uint8_t>(buffer[13]) << 8
                         : 0;
         return true;
     }
 
-    void send(const std::string& bytes, size_t fds) {
-        iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFds)] = {};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        if (fds > 0) {
-            message.msg_control = control;
-            message.msg_controllen = CMSG_SPACE(sizeof(int) * fds);
-            cmsghdr* c = CMSG_FIRSTHDR(&message);
-            c->cmsg_level = SOL_SOCKET;
-            c->cmsg_type = SCM_RIGHTS;
-            c->cmsg_len = CMSG_LEN(sizeof(int) * fds);
-            for (size_t i = 0; i < fds; ++i) memcpy(CMSG_DATA(c) + i * sizeof(int), &mSent, 4);
-        }
-        sendmsg(mFd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);  // a full socket loses it
-    }
-
-    int mFd;
-    const int mSent;  // the descriptor sent, in copies
-    const uint8_t* const mData;
-    const size_t mSize;
-    size_t mAt = 0;
+    hostile::Script mScript;
 };
 
 // One call of the client's, of each result form in turn.
@@ -280,21 +196,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         service.join();
     }
     // The client tells of the end and lets go of every descriptor it was sent.
-    for (int waited = 0; !recipient->died; ++waited) {
-        if (waited > 20000) {
-            fprintf(stderr, "the client never told of the service's end\n");
-            abort();
-        }
-        usleep(500);
-    }
+    hostile::mustHappen([&] { return recipient->died.load(); }, 10000,
+                        "the client never told of the service's end");
     close(null);
-    for (int waited = 0; sentStillOpen() > 0; ++waited) {
-        if (waited > 4000) {
-            fprintf(stderr, "%zu descriptors sent to the side under test stay open\n",
-                    sentStillOpen());
-            abort();
-        }
-        usleep(500);
-    }
+    hostile::mustHappen([] { return hostile::sentStillOpen() == 0; }, 2000,
+                        "descriptors sent to the side under test stay open");
     return 0;
 }

@@ -157,7 +157,8 @@ bool sendControl(const std::string& command, const std::vector<uint8_t>& payload
     // when sending failed because the daemon had already closed its end.
     send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL);
     if (!waitForAnswer(fd.get(), answerMs)) {
-        *reply = "vistrel-hdmid did not answer within " + std::to_string(answerMs / 1000) + " s";
+        *reply = "vistrel-hdmid did not answer within " + std::to_string(answerMs / 1000) +
+                 " s (stopped, or busy with a script or replay)";
         return false;
     }
     receiveMessage(fd.get(), MSG_DONTWAIT, reply);

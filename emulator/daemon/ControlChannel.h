@@ -48,14 +48,15 @@ std::string controlSocketPath();
 
 // How long a client waits to reach the daemon, and for the answer to a
 // request that runs no program: the daemon answers a plug, an unplug or a TV
-// swap once its events have left.
+// swap once its events have left. A program's request is given its length,
+// and kControlActionMs per action (a slow machine's share), on top.
 constexpr int64_t kControlAnswerMs = 5000;
+constexpr int64_t kControlActionMs = 2;
 
 // Sends one request to the running daemon and waits at most `answerMs` for its
-// answer (a program's request: its length and kControlAnswerMs). False, with
-// the reason in *reply, when none is reachable, when the socket's server is run
-// by a user other than this process's or root, when no answer comes in time,
-// or when the daemon refused the request.
+// answer. False, with the reason in *reply, when none is reachable, when the
+// socket's server is run by a user other than this process's or root, when no
+// answer comes in time, or when the daemon refused the request.
 bool sendControl(const std::string& command, const std::vector<uint8_t>& payload,
                  std::string* reply, int64_t answerMs = kControlAnswerMs);
 

@@ -111,7 +111,10 @@ bool takeDescriptors(msghdr* message, std::vector<int>* fds) {
 Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame, int flags) {
     flakePoint();
     iovec part = {buffer->data(), buffer->size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFrameFds)];
+    // Room for one descriptor more than a frame carries: an excess is seen by
+    // its count, not only by the truncation flag (which some emulated kernels
+    // drop while leaving the descriptors that did not fit open).
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * (kMaxFrameFds + 1))];
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
@@ -127,7 +130,10 @@ Received receiveFrame(int fd, std::vector<char>* buffer, Frame* frame, int flags
     }
     const bool whole = takeDescriptors(&message, &frame->fds);
     if (n == 0) return Received::kEnd;
-    if (!whole || (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) return Received::kMalformed;
+    if (!whole || frame->fds.size() > kMaxFrameFds ||
+        (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
+        return Received::kMalformed;
+    }
     if (static_cast<size_t>(n) < sizeof(FrameHeader)) return Received::kMalformed;
     memcpy(&frame->header, buffer->data(), sizeof(FrameHeader));
     const uint8_t kind = frame->header.kind;

@@ -71,9 +71,12 @@ int runTvProgram(const std::vector<std::string>& args, std::string* error) {
     }
     // Answered once the last action's events have left.
     const int64_t lengthMs = program.actions.empty() ? 0 : program.actions.back().atUs / 1000;
+    const int64_t answerMs =
+            lengthMs + emulator::kControlAnswerMs +
+            static_cast<int64_t>(program.actions.size()) * emulator::kControlActionMs;
     std::string reply;
     if (!emulator::sendControl("play\n", std::vector<uint8_t>(text.begin(), text.end()), &reply,
-                               lengthMs + emulator::kControlAnswerMs)) {
+                               answerMs)) {
         *error = "tv " + what + ": " + reply;
         return kExitFailure;
     }
