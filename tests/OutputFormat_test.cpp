@@ -47,8 +47,9 @@ const ReadOperation kReads[] = {{"getCurrentOutputFormat", hdmi_getCurrentOutput
                                 {"readOutputFormat", hdmi_readOutputFormat},
                                 {"getResolvedAutoOutputFormat", hdmi_getResolvedAutoOutputFormat}};
 
-// A format of eight numbers, as the tables write them.
+// A format of eight numbers, as the tables write them; zeros when none are given.
 OutputFormat formatOf(const std::vector<int32_t>& b) {
+    if (b.empty()) return OutputFormat{};
     uint8_t u[8];
     for (size_t i = 0; i < 8; ++i) u[i] = static_cast<uint8_t>(b.at(i));
     return OutputFormat{u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7]};
@@ -82,7 +83,7 @@ TEST_F(OutputFormatTest, ReadsWriteTheCallerRecordOnlyOnSuccess) {
         for (const Row& row : tableRows("format-reads.tsv")) {
             SCOPED_TRACE(::testing::Message() << kReads[which].method << ", " << row[0]);
             const std::vector<int32_t> b = nums(row[3]);
-            const OutputFormat record = b.empty() ? OutputFormat{} : formatOf(b);
+            const OutputFormat record = formatOf(b);
             const bool callsBack = row[1] == "yes", transportFails = row[4] == "yes";
             const int status = num(row[2]), result = num(row[5]);
             LogCapture::clear();
