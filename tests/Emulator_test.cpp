@@ -768,15 +768,6 @@ class ClientStateTest : public ::testing::Test {
     }
     void TearDown() override { emulator->shutdown(); }
 
-    // The registered clients, as "pid name" in registration-key order.
-    std::vector<std::string> clients() const {
-        std::vector<std::string> out;
-        for (const ServiceClient& c : emulator->clients()) {
-            out.push_back(std::to_string(c.pid) + " " + c.name);
-        }
-        return out;
-    }
-
     // A topology of `source` with `count` instances, each naming `source`.
     void report(uint64_t connection, int32_t source, size_t count) {
         caller = {connection, static_cast<int32_t>(connection) * 100};
@@ -790,49 +781,39 @@ class ClientStateTest : public ::testing::Test {
     Caller caller;
 };
 
-// Registrations are keyed by connection: another connection naming the same pid neither
-// replaces nor removes them, a connection holds one, its end drops exactly its own. Callers in
-// this process (connection 0) are known by pid. A registration withdrawn or replaced takes
-// its death link with it.
-TEST_F(ClientStateTest, ARegistrationBelongsToTheConnectionThatMadeIt) {
+// The steps of tests/data/client-steps.tsv: registrations, locks and numbered properties belong
+// to the connection that made them, bounded, and go with it. A registration withdrawn or
+// replaced takes its death link with it; the first ignored property write is logged.
+TEST_F(ClientStateTest, RegistrationsLocksAndPropertiesFollowTheirConnection) {
     std::map<std::string, sp<LinkCountingCallback>> callbacks;
-    const struct Step {
-        uint64_t connection;
-        int32_t pid;
-        const char* call;  // a name registers under it; "-" removes; "end" ends the connection
-        std::vector<std::string> after;
-    } steps[] = {
-            {1, 100, "a", {"100 a"}},
-            {2, 100, "b", {"100 a", "100 b"}},
-            {3, 100, "-", {"100 a", "100 b"}},
-            {2, 100, "-", {"100 a"}},
-            {1, 100, "c", {"100 c"}},
-            {1, 101, "d", {"101 d"}},
-            {0, 100, "e", {"100 e", "101 d"}},
-            {0, 100, "f", {"100 f", "101 d"}},
-            {3, 101, "end", {"100 f", "101 d"}},
-            {1, 0, "end", {"100 f"}},
-            {0, 0, "end", {"100 f"}},
-            {0, 100, "-", {}},
-    };
-    for (const Step& step : steps) {
-        SCOPED_TRACE(std::to_string(step.connection) + " " + step.call);
-        caller = {step.connection, step.pid};
-        const std::string call = step.call;
-        if (call == "end") {
-            emulator->connectionEnded(step.connection);
-        } else if (call == "-") {
-            ASSERT_TRUE(emulator->removeCallback(step.pid).isOk());
-        } else {
-            callbacks[call] = new LinkCountingCallback();
-            ASSERT_TRUE(emulator->setCallback(step.pid, call, callbacks[call]).isOk());
+    for (const Row& row : tableRows("client-steps.tsv", 5)) {
+        SCOPED_TRACE(::testing::PrintToString(row));
+        caller = {static_cast<uint64_t>(num(row[0])), num(row[1])};
+        const std::string& call = row[2];
+        const int32_t arg = call == "register" || row[3].empty() ? 0 : num(row[3]);
+        std::string got;
+        bool ok = true;
+        if (call == "register") {
+            callbacks[row[3]] = new LinkCountingCallback();
+            ok = emulator->setCallback(caller.pid, row[3], callbacks[row[3]]).isOk();
         }
-        EXPECT_EQ(clients(), step.after);
+        if (call == "remove") ok = emulator->removeCallback(caller.pid).isOk();
+        if (call == "end") emulator->connectionEnded(caller.connection);
+        if (call == "unlock") ok = emulator->releaseLock(arg).isOk();
+        if (call == "set") ok = emulator->setPropVal(arg, 7).isOk();
+        if (call == "lock") got = std::to_string(emulator->acquireLock(arg));
+        if (call == "get") got = std::to_string(emulator->getPropVal(arg));
+        for (const ServiceClient& c : emulator->clients()) {
+            if (call == "register" || call == "remove" || call == "end")
+                got += (got.empty() ? "" : ", ") + std::to_string(c.pid) + " " + c.name;
+        }
+        EXPECT_EQ(std::tuple(ok, got), std::tuple(true, row[4]));
     }
     for (const auto& [name, callback] : callbacks) {
         // d went with its connection, whose links go with it in the transport.
         EXPECT_EQ(callback->links, name == "d" ? 1 : 0) << name;
     }
+    EXPECT_EQ(LogCapture::countContaining("only indices 0 to 31 are kept"), 1);
 }
 
 // Per client: 32 producers of at most 16 instances each are kept, more are refused with one
@@ -868,41 +849,6 @@ TEST_F(ClientStateTest, TopologiesAreBoundedPerClientAndGoWithIt) {
                         "      (40,0,0,0) hdr 0 plane 0\n  events sent"),
               std::string::npos)
             << text;
-}
-
-// A lock belongs to the client that took it: others find it busy and cannot release it, one
-// client holds 8 at most, and a connection's end frees its own. Numbered properties are kept
-// for indices 0 to 31 only, whoever writes them; the first ignored write is logged.
-TEST_F(ClientStateTest, LocksAndPropertiesAreBounded) {
-    caller = {3, 300};
-    for (int32_t id = 100; id < 108; ++id) ASSERT_EQ(emulator->acquireLock(id), kResultOk);
-    // clang-format off
-    const struct Step {
-        uint64_t connection;
-        char call;  // acquireLock, releaseLock, its end, setPropVal(id, 7), getPropVal: l u e s g
-        int32_t id;
-        int32_t result;  // of l and g
-    } steps[] = {
-        {1, 'l', 3, kResultOk}, {1, 'l', 3, kResultLockBusy}, {2, 'l', 3, kResultLockBusy},
-        {2, 'u', 3, 0}, {2, 'l', 3, kResultLockBusy}, {1, 'e', 0, 0}, {2, 'l', 3, kResultOk},
-        {3, 'l', 108, kResultLockLimit}, {3, 'u', 100, 0}, {3, 'l', 108, kResultOk},
-        {2, 'l', 109, kResultOk},
-        {1, 's', 31, 0}, {2, 'g', 31, 7}, {1, 's', 32, 0}, {1, 'g', 32, 0}, {1, 's', -1, 0},
-        {1, 'g', -1, 0}};
-    // clang-format on
-    for (const Step& step : steps) {
-        SCOPED_TRACE(std::to_string(step.connection) + step.call + std::to_string(step.id));
-        caller = {step.connection, static_cast<int32_t>(step.connection) * 100};
-        int32_t result = 0;
-        bool ok = true;
-        if (step.call == 'l') result = emulator->acquireLock(step.id);
-        if (step.call == 'u') ok = emulator->releaseLock(step.id).isOk();
-        if (step.call == 'e') emulator->connectionEnded(step.connection);
-        if (step.call == 's') ok = emulator->setPropVal(step.id, 7).isOk();
-        if (step.call == 'g') result = emulator->getPropVal(step.id);
-        EXPECT_EQ(std::tuple(ok, result), std::tuple(true, step.result));
-    }
-    EXPECT_EQ(LogCapture::countContaining("only indices 0 to 31 are kept"), 1);
 }
 
 }  // namespace

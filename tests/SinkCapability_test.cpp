@@ -217,12 +217,8 @@ TEST_F(SinkCapabilityTest, FailedRefreshLeavesTheCacheEmpty) {
         ASSERT_EQ(refresh(0, 0, kFormats), 0);
         ASSERT_EQ(cachedCodes(), kAllCodes);
         EXPECT_CALL(*fake, getTVCapInfo(_)).WillOnce(AnswerRecord(1, TVCapInfo{}));
-        if (refused) {
-            EXPECT_CALL(*fake, getEDIDSupportList(_))
-                    .WillOnce(AnswerRecord(0, EDIDSupportList{kFormats}));
-        } else {
-            EXPECT_CALL(*fake, getEDIDSupportList(_)).WillOnce(FailTransport());
-        }
+        EXPECT_CALL(*fake, getEDIDSupportList(_))
+                .WillOnce(AnswerRecord(refused ? 0 : -1, EDIDSupportList{kFormats}));
         EXPECT_EQ(hdmi_getEDIDSupportList(0), refused ? kInvalidOperation : kDeadObject);
         EXPECT_TRUE(cachedCodes().empty());
         EXPECT_EQ(linesAt(ANDROID_LOG_ERROR), refused ? 0 : 1);
@@ -245,11 +241,7 @@ TEST_F(SinkCapabilityTest, HdrListIsCopiedOnlyWhenItFits) {
         const int capability = num(row[0]), status = num(row[1]), result = num(row[3]);
         const std::vector<int32_t> items = nums(row[2]);
         LogCapture::clear();
-        if (status < 0) {
-            EXPECT_CALL(*fake, getHDRSupportList(_)).WillOnce(FailTransport());
-        } else {
-            EXPECT_CALL(*fake, getHDRSupportList(_)).WillOnce(AnswerRecord(status, HDRList{items}));
-        }
+        EXPECT_CALL(*fake, getHDRSupportList(_)).WillOnce(AnswerRecord(status, HDRList{items}));
         std::vector<int> list(8, kUntouched);
         int len = kUntouched;
         EXPECT_EQ(hdmi_getHDRSupportList(list.data(), capability, &len), result);
@@ -295,11 +287,7 @@ TEST_F(SinkCapabilityTest, RawEdidIsCopiedOnlyAtItsExactSize) {
                   result = num(row[3]);
         LogCapture::clear();
         const std::vector<uint8_t> edid = edidOf(static_cast<size_t>(size));
-        if (status < 0) {
-            EXPECT_CALL(*fake, getEDIDRawData(_)).WillOnce(FailTransport());
-        } else {
-            EXPECT_CALL(*fake, getEDIDRawData(_)).WillOnce(AnswerRecord(status, EDIDData{edid}));
-        }
+        EXPECT_CALL(*fake, getEDIDRawData(_)).WillOnce(AnswerRecord(status, EDIDData{edid}));
         std::vector<uint8_t> buffer(512 + 16, 0xC3);
         EXPECT_EQ(hdmi_getEDIDRawData(buffer.data(), length), result);
         const size_t copied = result == 0 ? edid.size() : 0;

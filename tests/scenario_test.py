@@ -32,7 +32,7 @@ import procs
 
 SCENARIOS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "emulator",
                          "scenarios")
-UNPLUG, PLUG = ["UNPLUG", "FORMAT_CHANGE"], ["HOT_PLUG", "FORMAT_CHANGE"]
+UNPLUG = ["UNPLUG", "FORMAT_CHANGE"]
 # How far a replayed event's time from the first may be from the recorded one,
 # as a follower sees both, in seconds: the daemon is punctual to a few
 # milliseconds; the rest is room for a loaded machine's delivery, more under
@@ -42,72 +42,18 @@ SLOW = bool(os.environ.get("ASAN_OPTIONS") or os.environ.get("TSAN_OPTIONS") or
             "emulated" in " ".join(sys.argv[1:3]))
 TOLERANCE, GAP, SLACK = (1.0, 1.5, 0.1) if SLOW else (0.25, 0.6, 0.0)
 
-# Each shipped scenario on the daemon's default TV (a 4K HDR TV): the events
-# a follower sees, the VIC of each FORMAT_CHANGE, and the sink afterwards.
-SHIPPED = {
-    "hpd-bounce-on-wake": (UNPLUG + PLUG + UNPLUG + PLUG + UNPLUG + PLUG, [97] * 6,
-                           dict(plugged=True, vic=97, auto=97, hdmi=True, hdr=True)),
-    "receiver-switched-on": (UNPLUG + PLUG + UNPLUG + PLUG + ["EDID_CHANGE"], [97, 97, 97, 4],
-                             dict(plugged=True, vic=4, auto=97, hdmi=True, hdr=True)),
-    "tv-replaced-by-monitor": (UNPLUG + PLUG, [97, 0],
-                               dict(plugged=True, vic=0, auto=0, hdmi=False, hdr=False,
-                                    encodings=["RGB"], tv="DEL 16406")),
-    "tv-reads-as-dvi": (UNPLUG + PLUG, [97, 16],
-                        dict(plugged=True, vic=16, auto=16, hdmi=False, hdr=False,
-                             encodings=["RGB"], tv="GSM 49312")),
-}
 
-# Scripts with one fault each: the line named, and what the error says.
-BAD_SCRIPTS = [
-    ("plug\n\n  plugg  # typo\n", 3, "unknown step 'plugg'"),
-    ("wait\n", 1, "'wait' takes a time in milliseconds"),
-    ("wait 600001\n", 1, "'wait' takes"),
-    ("# negative\nwait -5\n", 2, "'wait' takes"),
-    ("bounce 0 200\n", 1, "'bounce' takes a count"),
-    ("bounce 3\n", 1, "'bounce' takes"),
-    ("plug now\n", 1, "'plug' takes no argument"),
-    ("repeat 3\nplug\n", 1, "'repeat' takes a count"),
-    ("plug\nrepeat 3 {\n  plug\n", 2, "'repeat' not closed"),
-    ("plug\n}\n", 2, "'}' closes no 'repeat'"),
-    ("edid\n", 1, "'edid' takes one EDID file"),
-    ("edid-change no-such.bin\n", 1, "cannot read"),
-    ("edid-change bad.scenario\n", 1, "bad.scenario: "),
-    ("repeat 10000 {\n repeat 10000 {\n  wait 0\n }\n}\n", 3, "more than 100000 steps"),
-    ("repeat 10000 {\n bounce 100 1\n}\n", 2, "more than 10000 changes"),
-    ("repeat 200 {\n wait 600000\n}\n", 2, "longer than 24 hours"),
-    ("unplug\n" + "#" * 1100 + "\n", 2, "longer than 1024 bytes"),
-]
+def table(kind):
+    """The rows of tests/data/scenarios.tsv of one kind: (case, expected, detail), escapes read."""
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "data", "scenarios.tsv"),
+              encoding="utf-8") as f:
+        rows = [line.rstrip("\n").split("\t") for line in f if line.strip() and line[0] != "#"]
+    return [(r[1].encode().decode("unicode_escape"), int(r[2]) if r[2].isdigit() else r[2], r[3])
+            for r in rows if r[0] == kind]
 
-HEADER = ('{"recording": 1, "edid": "", "plugged": true, "format": {"mode": 128, "vic": 16, '
-          '"vic_param": 0, "color": 0, "color_depth": 8, "option": 0, "hdr": 0, '
-          '"content_type": 0}}')
+
+# A recording's event, for the long recordings of the table's replay rows.
 EVENT = '{"t_us": %d, "event": 2, "name": "UNPLUG", "param1": 0, "param2": 0, "param3": 0, "param4": 7}'
-# Recordings with one fault each.
-BAD_RECORDINGS = [
-    ("", 0, "empty"),
-    (EVENT % 0, 1, "not a recording's header"),
-    ("        ms  event            param1", 1, "not a recording's header"),
-    (HEADER.replace('"recording": 1', '"recording": 2'), 1, "'recording' missing or not"),
-    (HEADER.replace('""', '"00ffzz"'), 1, "'edid' is not an EDID in hex"),
-    (HEADER.replace('"hdr": 0, ', ''), 1, "'format': 'hdr' missing"),
-    (HEADER + "\n" + EVENT % 5 + "\n" + EVENT[:40], 3, "not one JSON object"),
-    (HEADER + "\n" + EVENT.replace(', "param4": 7', '') % 5, 2, "'param4' missing"),
-    (HEADER + "\n" + EVENT % 5 + "\n" + EVENT % 4, 3, "times never go back"),
-    (HEADER + "\n" + EVENT.replace("%d", "1.5"), 2, "numbers are whole"),
-    (HEADER + "\n" + EVENT.replace('"event"', '"t_us": 3, "event"') % 1, 2, "given twice"),
-    (HEADER + "\n" + "\n".join(EVENT % t for t in range(1001)), 1002, "more than 1000 events"),
-    (HEADER + "\n" + EVENT[:-1] % 0 + ', "pad": "' + "x" * 80000 + '"}', 2, "longer than"),
-]
-
-# Programs a peer may send to the control socket (the tool sends none of
-# these): each refused whole, the line named.
-BAD_PROGRAMS = [
-    (b"play\nprogram 2\nat 0 plug", "program line 1"),
-    (b"play\nprogram 1\nat 5 plug\nat 4 unplug", "program line 3"),
-    (b"play\nprogram 1\nat 0 tv 0", "program line 2"),
-    (b"play\nprogram 1\nedid 0 00zz\nat 0 tv 0", "program line 2"),
-    (b"play\nprogram 1\nat 0 restore 1 128 16 0 0 8 0 0", "program line 2"),
-]
 
 
 def sink_state(ctl):
@@ -135,8 +81,9 @@ class ScenarioTest(procs.ProcessTest):
         self.assertIn(message, err)
 
     def test_shipped_scenarios(self):
-        for name, (events, vics, state) in SHIPPED.items():
+        for name, events, expected in table("shipped"):
             with self.subTest(name):
+                events, vics, state = events.split(), *json.loads(expected).values()
                 self.folder = os.path.join(self.base, name)  # a fresh daemon, its default TV
                 self.daemon = self.start(self.folder)
                 (follower,) = self.follow(1)
@@ -164,7 +111,7 @@ class ScenarioTest(procs.ProcessTest):
 
     def test_a_faulty_script_is_named_by_line_and_nothing_runs(self):
         (follower,) = self.follow(1)
-        for i, (text, line, message) in enumerate(BAD_SCRIPTS):
+        for i, (text, line, message) in enumerate(table("script")):
             with self.subTest(text[:40]):
                 self.assertRefused("script", self.write(f"bad{i}.scenario", text), line, message)
         self.assertRefused("script", self.base, 0, f"cannot read script {self.base}: a folder")
@@ -172,16 +119,18 @@ class ScenarioTest(procs.ProcessTest):
         self.assertEqual(follower.wait_for(2), UNPLUG)
 
     def test_a_faulty_recording_is_named_by_line(self):
-        for i, (text, line, message) in enumerate(BAD_RECORDINGS):
+        for i, (text, line, message) in enumerate(table("replay")):
             with self.subTest(text[:60]):
+                text = text.replace("{events}", "\n".join(EVENT % t for t in range(1001)))
+                text = text.replace("{pad}", "x" * 80000)
                 self.assertRefused("replay", self.write(f"bad{i}.jsonl", text), line, message)
 
     def test_a_faulty_program_is_refused_whole(self):
         (follower,) = self.follow(1)
-        for request, message in BAD_PROGRAMS:
+        for request, _, message in table("program"):
             with self.subTest(request):
                 peer = procs.connect(self.folder, procs.CONTROL)
-                peer.send(request)
+                peer.send(request.encode())
                 self.assertEqual(peer.recv(4096).decode()[:7 + len(message)], "error: " + message)
                 peer.close()
         self.assertServing(follower)

@@ -113,13 +113,15 @@ inline ::testing::PolymorphicAction<FailTransportAction> FailTransport() {
 }
 
 // A record-form answer: calls the result callback (the last argument) with
-// `status` and `record`, then returns OK.
+// `status` and `record`, then returns OK. A negative status (the tables' -1)
+// is a transport failure instead: the callback is not called.
 template <typename Record>
 struct AnswerRecordAction {
     int32_t status;
     Record record;
     template <typename Result, typename ArgumentTuple>
     Result Perform(const ArgumentTuple& args) const {
+        if (status < 0) return Result(transportFailure());
         constexpr size_t last = std::tuple_size<ArgumentTuple>::value - 1;
         std::get<last>(args)(status, record);
         return Result();
