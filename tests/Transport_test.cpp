@@ -169,7 +169,12 @@ TEST_F(TransportTest, EveryResultFormAndRecordCrossesWhole) {
     EXPECT_FALSE(proxy->processHDMIDebugCmd(1, hidl_handle(wide)).isOk());
     native_handle_delete(wide);
 
+    // So do results that do not fit one frame: that call fails, the next ones pass.
     TVCapInfo cap{};
+    cap.valueList.resize(20000);
+    EXPECT_CALL(*fake, getTVCapInfo(_)).WillOnce(AnswerRecord(1, cap));
+    EXPECT_FALSE(proxy->getTVCapInfo([](int32_t, const TVCapInfo&) {}).isOk());
+
     cap.capWord0 = 600;
     cap.vrrMax = 120;
     cap.cec = hidl_vec<uint8_t>{0x10, 0x00};
