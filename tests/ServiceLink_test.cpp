@@ -32,6 +32,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/EventRecorder.h"
@@ -246,28 +247,25 @@ TEST_F(ServiceLinkTest, ReleaseEndsDeliveryAndLaterEventsTouchNothing) {
     EXPECT_EQ(recorder.deliveries().size(), 2u);
 }
 
-// A second hdmi_createLib changes nothing, callbacks included.
-TEST_F(ServiceLinkTest, EventsArriveInOrderWithEveryValueWhole) {
+// A second hdmi_createLib changes nothing, callbacks included. Each event reaches the
+// VistrelCallback (three values) and then the VistrelCallback2, each delivery logged once. (The
+// stress test's batches check every value's passage, over service restarts.)
+TEST_F(ServiceLinkTest, EventsReachBothCallbacksInTurn) {
     Vistrel* lib = createLib(&callback, &callback2);
     hdmi_createLib(nullptr, nullptr);
     EXPECT_EQ(hdmi_getCurrentLibInstance(), lib);
     hdmi_setCallback();
-    const int64_t wide[] = {0x123456789ABCDEF0LL, -0x0FEDCBA987654321LL, INT64_MIN, -1};
     constexpr int kEvents = 40;
-    for (int i = 0; i < kEvents; ++i) fake->emitEvent(i, -i, i * 1000, INT32_MIN + i, wide[i % 4]);
-    ASSERT_TRUE(recorder.waitFor(2 * kEvents));
-    const std::vector<Delivery> got = recorder.deliveries();
-    ASSERT_EQ(got.size(), 2u * kEvents);
+    std::vector<std::tuple<int, int32_t, int32_t, int32_t, int32_t, int64_t>> got, sent;
     for (int i = 0; i < kEvents; ++i) {
-        SCOPED_TRACE(i);
-        const Delivery& first = got[2 * i];  // VistrelCallback first, with three values
-        const Delivery& second = got[2 * i + 1];
-        EXPECT_EQ(std::make_tuple(first.target, first.event, first.param1, first.param2),
-                  std::make_tuple(1, i, -i, i * 1000));
-        EXPECT_EQ(std::make_tuple(second.target, second.event, second.param1, second.param2,
-                                  second.param3, second.param4),
-                  std::make_tuple(2, i, -i, i * 1000, INT32_MIN + i, wide[i % 4]));
+        fake->emitEvent(i, -i, i * 1000, INT32_MIN + i, INT64_MIN + i);
+        sent.emplace_back(1, i, -i, i * 1000, 0, 0);
+        sent.emplace_back(2, i, -i, i * 1000, INT32_MIN + i, INT64_MIN + i);
     }
+    ASSERT_TRUE(recorder.waitFor(2 * kEvents));
+    for (const Delivery& d : recorder.deliveries())
+        got.emplace_back(d.target, d.event, d.param1, d.param2, d.param3, d.param4);
+    EXPECT_EQ(got, sent);
     EXPECT_EQ(LogCapture::countExact(kDeliverLine, ANDROID_LOG_DEBUG, kVistrelTag), 2 * kEvents);
     EXPECT_EQ(LogCapture::countExact(arrivalLine(&callback, &callback2, 7)), 1);
 }

@@ -151,9 +151,10 @@ class ScenarioTest(procs.ProcessTest):
         start = sink_state(self.ctl)
         (recorder,) = self.follow(1, command=[procs.CTL, "events", "--follow", "--edids", "--json"])
         panasonic = os.path.join(procs.EDID_DIR, "tv-panasonic-2012-1080p.bin")
+        first = os.path.join(procs.EDID_DIR, "tv-lg-oled-c9-2019.bin")  # the daemon's own TV
         steps = [("tv", "unplug"), ("tv", "plug"), ("tv", "edid", panasonic),
-                 ("format", "set", "4")]
-        for step, count in zip(steps, (2, 4, 8, 9)):
+                 ("format", "set", "4"), ("tv", "edid", first)]  # back to the header's EDID
+        for step, count in zip(steps, (2, 4, 8, 9, 13)):
             self.ctl(*step)
             recorder.wait_for(count)
             time.sleep(GAP)
