@@ -112,23 +112,9 @@ class End {
     // waiting; false with errno set when it was not sent.
     bool send(const std::string& bytes, size_t fds) {
         iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFds)] = {};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        fds = std::min(fds, kMaxFds);
-        if (fds > 0) {
-            message.msg_control = control;
-            message.msg_controllen = CMSG_SPACE(sizeof(int) * fds);
-            cmsghdr* c = CMSG_FIRSTHDR(&message);
-            c->cmsg_level = SOL_SOCKET;
-            c->cmsg_type = SCM_RIGHTS;
-            c->cmsg_len = CMSG_LEN(sizeof(int) * fds);
-            for (size_t i = 0; i < fds; ++i) {
-                memcpy(CMSG_DATA(c) + i * sizeof(int), &mSent, sizeof(int));
-            }
-        }
-        return sendmsg(mFd, &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
+        const std::vector<int> copies(std::min(fds, kMaxFds), mSent);
+        return ::android::hardware::host::sendWithDescriptors(mFd, &part, 1, copies,
+                                                              MSG_DONTWAIT) >= 0;
     }
 
     // Receives one message into `buffer`, closing any descriptor beside it.

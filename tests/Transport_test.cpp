@@ -75,20 +75,8 @@ size_t openDescriptors() {
 
 bool sendWithDescriptors(int fd, const std::string& bytes, const std::vector<int>& fds) {
     iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 8)] = {};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    if (!fds.empty()) {
-        message.msg_control = control;
-        message.msg_controllen = CMSG_SPACE(sizeof(int) * fds.size());
-        cmsghdr* c = CMSG_FIRSTHDR(&message);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
-        memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
-    }
-    return sendmsg(fd, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    return ::android::hardware::host::sendWithDescriptors(fd, &part, 1, fds, 0) ==
+           static_cast<ssize_t>(bytes.size());
 }
 
 using ::android::hardware::hidl_death_recipient;
@@ -298,6 +286,31 @@ TEST_F(TransportTest, ABusyClientMissesEventsNotItsConnection) {
     EXPECT_EQ(LogCapture::countContaining(std::to_string(missed) + " one-way frames were not"), 1);
     EXPECT_EQ(LogCapture::countContaining("events from peer"), 1);
     EXPECT_TRUE(client->isAlive());
+}
+
+// Events that arrive while the client waits for a reply are read by the
+// caller and kept for the reader thread: every one is handed over after the
+// call, with nothing more arriving (not one per wake-up of the reader).
+TEST_F(TransportTest, EventsACallMetAreAllDeliveredAfterIt) {
+    struct CountedEvents : IHdmiUtilCallback {
+        ::android::hardware::Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t,
+                                                      int64_t) override {
+            ++handled;
+            return Void();
+        }
+        std::atomic<int> handled{0};
+    };
+    sp<CountedEvents> callback = new CountedEvents();
+    const uint32_t exported = client->exportObject(callback, IHdmiUtilCallback::descriptor);
+    sp<IHdmiUtilCallback> events = static_cast<IHdmiUtilCallback*>(
+            serving->proxyFor(exported, IHdmiUtilCallback::descriptor).get());
+    constexpr int kMet = 6;
+    EXPECT_CALL(*fake, getPropVal(1)).WillOnce(Invoke([&](int32_t) {
+        for (int i = 0; i < kMet; ++i) EXPECT_TRUE(events->handleEvent(1, i, 0, 0, 0).isOk());
+        return 1;
+    }));
+    EXPECT_TRUE(proxy->getPropVal(1).isOk());
+    EXPECT_TRUE(eventually([&] { return callback->handled == kMet; }, 5s)) << callback->handled;
 }
 
 // A call that takes long delays no other connection's calls: the loop is

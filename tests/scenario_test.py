@@ -104,10 +104,10 @@ class ScenarioTest(procs.ProcessTest):
                     edges = [e["param4"] / 1e9 for e in follower.events[2:]
                              if e["name"] != "FORMAT_CHANGE"]
                     gaps = [b - a for a, b in zip(edges, edges[1:])]
-                    # Steps are timed from the script's start: a step the
-                    # machine made late (qemu) is followed by one made early.
-                    low, each = (0.05, 0.0) if SLOW else (0.1, 0.01)
-                    self.assertTrue(low < sum(gaps) < 0.2 + SLACK and min(gaps) > each, gaps)
+                    # Steps are timed from the script's start: a step a busy
+                    # machine made late is followed by one made early, so only
+                    # the span is checked (133 ms as scripted).
+                    self.assertTrue(0.05 < sum(gaps) < 0.2 + SLACK, gaps)
 
     def test_a_faulty_script_is_named_by_line_and_nothing_runs(self):
         (follower,) = self.follow(1)
@@ -151,9 +151,10 @@ class ScenarioTest(procs.ProcessTest):
         start = sink_state(self.ctl)
         (recorder,) = self.follow(1, command=[procs.CTL, "events", "--follow", "--edids", "--json"])
         panasonic = os.path.join(procs.EDID_DIR, "tv-panasonic-2012-1080p.bin")
+        first = os.path.join(procs.EDID_DIR, "tv-lg-oled-c9-2019.bin")  # the daemon's own TV
         steps = [("tv", "unplug"), ("tv", "plug"), ("tv", "edid", panasonic),
-                 ("format", "set", "4")]
-        for step, count in zip(steps, (2, 4, 8, 9)):
+                 ("format", "set", "4"), ("tv", "edid", first)]  # back to the header's EDID
+        for step, count in zip(steps, (2, 4, 8, 9, 13)):
             self.ctl(*step)
             recorder.wait_for(count)
             time.sleep(GAP)

@@ -109,13 +109,20 @@ void wakeClientReader(Connection::Impl* c) {
 void startClientReader(const sp<Connection>& connection) {
     std::thread([self = connection] {
         Connection::Impl* c = self->impl();
+        bool kept = false;  // frames a caller met are still waiting here
         for (;;) {
             bool output;
             {
                 std::lock_guard<std::mutex> queue(c->queueLock);
                 output = !c->outbox.frames.empty();
             }
-            waitFor(c->fd, (c->exporting ? POLLIN : 0) | (output ? POLLOUT : 0), c->wakeFd);
+            // A caller wakes this thread once however many frames it met (and
+            // the wake-ups of several calls are read as one): all of them are
+            // handed over before it waits again, or the rest would wait for
+            // the service's next frame, which a later call may meet in turn.
+            if (!kept) {
+                waitFor(c->fd, (c->exporting ? POLLIN : 0) | (output ? POLLOUT : 0), c->wakeFd);
+            }
             if (output) {
                 std::lock_guard<std::mutex> queue(c->queueLock);
                 if (!flushOutbox(c)) break;
@@ -127,6 +134,7 @@ void startClientReader(const sp<Connection>& connection) {
             if (!c->deferred.empty()) {
                 frame = std::make_unique<Frame>(std::move(c->deferred.front()));
                 c->deferred.pop_front();
+                kept = !c->deferred.empty();
             } else {
                 frame = std::make_unique<Frame>();
                 const Received got = receiveFrame(c->fd, &c->buffer, frame.get(), MSG_DONTWAIT);

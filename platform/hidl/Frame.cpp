@@ -59,16 +59,16 @@ void flakePoint() {
     usleep(static_cast<useconds_t>(50 + random() % 400));
 }
 
-Sent sendFrame(int fd, const FrameHeader& header, const std::string& body,
-               const std::vector<int>& fds, int flags) {
-    if (fds.size() > kMaxFrameFds || body.size() > kMaxFrameBytes) return Sent::kGone;
-    flakePoint();
-    iovec parts[2] = {{const_cast<FrameHeader*>(&header), sizeof(header)},
-                      {const_cast<char*>(body.data()), body.size()}};
+ssize_t sendWithDescriptors(int fd, const iovec* parts, size_t count, const std::vector<int>& fds,
+                            int flags) {
+    if (fds.size() > kMaxSentFds) {
+        errno = EINVAL;
+        return -1;
+    }
     msghdr message{};
-    message.msg_iov = parts;
-    message.msg_iovlen = body.empty() ? 1 : 2;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFrameFds)];
+    message.msg_iov = const_cast<iovec*>(parts);
+    message.msg_iovlen = count;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxSentFds)] = {};
     if (!fds.empty()) {
         message.msg_control = control;
         message.msg_controllen = CMSG_SPACE(sizeof(int) * fds.size());
@@ -78,11 +78,21 @@ Sent sendFrame(int fd, const FrameHeader& header, const std::string& body,
         c->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
         memcpy(CMSG_DATA(c), fds.data(), sizeof(int) * fds.size());
     }
-    for (;;) {
-        if (sendmsg(fd, &message, MSG_NOSIGNAL | flags) >= 0) return Sent::kSent;
-        if (errno == EAGAIN || errno == EWOULDBLOCK) return Sent::kFull;
-        if (errno != EINTR) return Sent::kGone;
-    }
+    ssize_t n;
+    do {
+        n = sendmsg(fd, &message, MSG_NOSIGNAL | flags);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+Sent sendFrame(int fd, const FrameHeader& header, const std::string& body,
+               const std::vector<int>& fds, int flags) {
+    if (fds.size() > kMaxFrameFds || body.size() > kMaxFrameBytes) return Sent::kGone;
+    flakePoint();
+    iovec parts[2] = {{const_cast<FrameHeader*>(&header), sizeof(header)},
+                      {const_cast<char*>(body.data()), body.size()}};
+    if (sendWithDescriptors(fd, parts, body.empty() ? 1 : 2, fds, flags) >= 0) return Sent::kSent;
+    return errno == EAGAIN || errno == EWOULDBLOCK ? Sent::kFull : Sent::kGone;
 }
 
 namespace {

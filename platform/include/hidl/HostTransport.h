@@ -59,6 +59,13 @@ constexpr size_t kMaxFrameFds = 4;
 // One-way frames queued for a peer that does not read; more are dropped.
 constexpr size_t kMaxClientBacklog = 256;
 
+// Sends one message of `count` parts over a socket with `fds` attached, at most
+// kMaxSentFds of them (a frame's peers send more only to test the other end),
+// retrying when interrupted. The byte count sent, or -1 with errno set.
+constexpr size_t kMaxSentFds = 16;
+ssize_t sendWithDescriptors(int fd, const struct iovec* parts, size_t count,
+                            const std::vector<int>& fds, int flags);
+
 // What the serving side knows of a call beyond its arguments: the caller's
 // credentials as the kernel gave them when its connection was opened, and the
 // connection's number (unique in this process, never reused). A connection
