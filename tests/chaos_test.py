@@ -196,7 +196,7 @@ class Chaos:
     def start_daemon(self, ready):
         with open(os.path.join(self.base, "daemon.log"), "a", encoding="utf-8") as err:
             self.daemon = subprocess.Popen([procs.DAEMON, "--socket-dir", self.folder],
-                                           stderr=err)
+                                           stdout=subprocess.DEVNULL, stderr=err)
         if ready:
             wait_until(lambda: control(self.folder, "ping"), "the daemon")
 

@@ -135,8 +135,9 @@ class Daemon:
     def __init__(self, folder, log, prefix=(), **popen):
         self.folder, self.log = folder, log
         with open(log, "w", encoding="utf-8") as err:
+            # Never ctest's output: a daemon outliving a killed test would keep it open.
             self.proc = subprocess.Popen([*prefix, DAEMON, "--socket-dir", folder], stderr=err,
-                                         **popen)
+                                         **(dict(stdout=subprocess.DEVNULL) | popen))
         wait_until(lambda: self.proc.poll() is not None or self.answers(), "the daemon's sockets")
 
     def answers(self):

@@ -25,6 +25,7 @@ import argparse
 import os
 import random
 import re
+import signal
 import subprocess
 import sys
 
@@ -106,10 +107,14 @@ def apply(root, site):
 
 
 def run(cmd, timeout):
+    # A session of its own, so that a timeout ends what the tests started too.
+    proc = subprocess.Popen(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                            start_new_session=True)
     try:
-        return subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                              timeout=timeout).returncode
+        return proc.wait(timeout)
     except subprocess.TimeoutExpired:
+        os.killpg(proc.pid, signal.SIGKILL)
+        proc.wait()
         return -1
 
 
