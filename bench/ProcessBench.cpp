@@ -52,10 +52,17 @@ namespace {
 
 using ::android::hardware::host::serveService;
 
+// Row 6: calls (and bare exchanges) timed, in alternating batches of
+// kBatch, after kWarmRoundTrips untimed.
 constexpr int kRoundTrips = 20000;
+constexpr int kWarmRoundTrips = 1000;
+constexpr int kBatch = 500;
+// Row 7: events to each side's clients, after kWarmEvents not counted; the
+// two sides take turns, one event a millisecond between them.
 constexpr int kClients = 8;
-constexpr int kFanOutEvents = 2000;
-constexpr int64_t kFanOutSpacingNs = 1000000;  // one event per millisecond
+constexpr int kFanOutEvents = 3000;
+constexpr int kWarmEvents = 200;
+constexpr int64_t kFanOutSpacingNs = 1000000;
 // What the transport puts on the socket: a 20-byte header, and a 1-byte
 // answer for checkIfHDMIPlugged; 24 bytes of values for an event.
 constexpr size_t kHeaderBytes = 20;
@@ -208,6 +215,16 @@ int receiveBare(int fd, size_t count) {
     return write(STDOUT_FILENO, samples.data(), samples.size() * sizeof(int64_t)) > 0 ? 0 : 1;
 }
 
+// `count` calls to the service of VISTREL_SOCKET_DIR, for counting what a
+// call costs in system calls (`strace -c`) on either side.
+int callService(size_t count) {
+    property_set("vendor.mirova.hdmi.service.start", "1");
+    hdmi_createLib(nullptr, nullptr);
+    for (size_t i = 0; i < count; ++i) hdmi_checkIfHDMIPlugged();
+    hdmi_releaseLib();
+    return 0;
+}
+
 // Starts `args` with its stdout on a pipe; the pipe's reading end in *out.
 pid_t spawnReporting(const std::vector<std::string>& args, int inheritedFd, int* out) {
     int pipeFds[2];
@@ -223,17 +240,61 @@ pid_t spawnReporting(const std::vector<std::string>& args, int inheritedFd, int*
     return pid;
 }
 
-// Collects `count` samples from each reporting child and reaps it.
-std::vector<int64_t> collect(const std::vector<std::pair<pid_t, int>>& children, size_t count) {
+// Collects `count` samples from each reporting child, less the first
+// `warm`, and reaps it.
+std::vector<int64_t> collect(const std::vector<std::pair<pid_t, int>>& children, size_t count,
+                             size_t warm) {
     std::vector<int64_t> all;
     for (const auto& [pid, fd] : children) {
         std::vector<int64_t> samples(count);
         if (!readAll(fd, samples.data(), count * sizeof(int64_t))) abort();
-        all.insert(all.end(), samples.begin(), samples.end());
+        all.insert(all.end(), samples.begin() + static_cast<ptrdiff_t>(warm), samples.end());
         close(fd);
         waitpid(pid, nullptr, 0);
     }
     return all;
+}
+
+// The wall time of `batch(count)`.
+template <typename Batch>
+int64_t timed(Batch batch, int count) {
+    const int64_t start = nowNs();
+    batch(count);
+    return nowNs() - start;
+}
+
+// The service in this process, with a callback of each of its clients.
+sp<FanOutService> serveFanOut() {
+    sp<FanOutService> service = new FanOutService();
+    std::string why;
+    if (service->registerAsService("default") != ::android::OK ||
+        serveService(IHdmiUtil::descriptor, "default", &why) != ::android::OK) {
+        fprintf(stderr, "bench: %s\n", why.c_str());
+        abort();
+    }
+    return service;
+}
+
+// Starts `kClients` processes that receive `count` events bare, each on a
+// socket of its own (returned in *sockets), and waits until each is ready.
+std::vector<std::pair<pid_t, int>> startBareReceivers(size_t count, std::vector<int>* sockets) {
+    std::vector<std::pair<pid_t, int>> children;
+    for (int i = 0; i < kClients; ++i) {
+        int ends[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) abort();
+        int out;
+        const pid_t pid =
+                spawnReporting({"--helper-receive", std::to_string(count)}, ends[1], &out);
+        close(ends[1]);
+        children.push_back({pid, out});
+        sockets->push_back(ends[0]);
+    }
+    // Frames sent before a receiver runs would wait for its start-up.
+    for (int fd : *sockets) {
+        char ready;
+        if (recv(fd, &ready, 1, 0) != 1) abort();
+    }
+    return children;
 }
 
 }  // namespace
@@ -248,25 +309,21 @@ bool runHelper(int argc, char** argv, int* exitCode) {
     if (part == "echo") *exitCode = echo(3, n);
     if (part == "follow") *exitCode = followEvents(n);
     if (part == "receive") *exitCode = receiveBare(3, n);
+    if (part == "calls") *exitCode = callService(n);
     return true;
 }
 
 RoundTrip crossProcessRoundTrip() {
-    RoundTrip r;
     // The library, as the only client of a service in another process.
     const std::string folder = makeFolder();
     setenv("VISTREL_SOCKET_DIR", folder.c_str(), 1);
     ::android::hardware::host::clearServices();
     const pid_t server = spawnSelf({"--helper-serve"}, nullptr);
+    property_set("vendor.mirova.hdmi.service.start", "1");
     hdmi_createLib(nullptr, nullptr);  // waits for the service
-    for (int i = 0; i < 1000; ++i) hdmi_checkIfHDMIPlugged();
-    int64_t start = nowNs();
-    for (int i = 0; i < kRoundTrips; ++i) hdmi_checkIfHDMIPlugged();
-    r.libraryNs = static_cast<double>(nowNs() - start) / kRoundTrips;
-    hdmi_releaseLib();
-    stop(server);
 
-    // A request of the call's size answered with the reply's size.
+    // A request of the call's size answered with the reply's size, by
+    // another process on a socket pair.
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) abort();
     posix_spawn_file_actions_t actions;
@@ -275,80 +332,85 @@ RoundTrip crossProcessRoundTrip() {
     const pid_t echoer = spawnSelf({"--helper-echo", std::to_string(kHeaderBytes + 2)}, &actions);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
-    char request[kHeaderBytes] = {};
-    char answer[64];
-    for (int i = 0; i < 1000; ++i) {
-        send(ends[0], request, sizeof(request), 0);
-        recv(ends[0], answer, sizeof(answer), 0);
+    const auto calls = [](int count) {
+        for (int i = 0; i < count; ++i) hdmi_checkIfHDMIPlugged();
+    };
+    const auto exchanges = [fd = ends[0]](int count) {
+        char request[kHeaderBytes] = {};
+        char answer[64];
+        for (int i = 0; i < count; ++i) {
+            send(fd, request, sizeof(request), 0);
+            recv(fd, answer, sizeof(answer), 0);
+        }
+    };
+
+    // The two take turns, so that whatever else the machine does weighs on both.
+    calls(kWarmRoundTrips);
+    exchanges(kWarmRoundTrips);
+    int64_t libraryNs = 0;
+    int64_t bareNs = 0;
+    for (int done = 0; done < kRoundTrips; done += kBatch) {
+        libraryNs += timed(calls, kBatch);
+        bareNs += timed(exchanges, kBatch);
     }
-    start = nowNs();
-    for (int i = 0; i < kRoundTrips; ++i) {
-        send(ends[0], request, sizeof(request), 0);
-        recv(ends[0], answer, sizeof(answer), 0);
-    }
-    r.bareNs = static_cast<double>(nowNs() - start) / kRoundTrips;
+    hdmi_releaseLib();
+    stop(server);
     close(ends[0]);
     waitpid(echoer, nullptr, 0);
+    RoundTrip r;
+    r.libraryNs = static_cast<double>(libraryNs) / kRoundTrips;
+    r.bareNs = static_cast<double>(bareNs) / kRoundTrips;
     return r;
 }
 
 FanOut crossProcessFanOut() {
-    FanOut f;
-    // The service in this process, its clients in 8 others.
+    // The service in this process, its library clients in 8 others, and 8
+    // more processes that receive the same bytes bare, each on one thread,
+    // handing them to a second.
     const std::string folder = makeFolder();
     setenv("VISTREL_SOCKET_DIR", folder.c_str(), 1);
-    sp<FanOutService> service = new FanOutService();
-    std::string why;
-    if (service->registerAsService("default") != ::android::OK ||
-        serveService(IHdmiUtil::descriptor, "default", &why) != ::android::OK) {
-        fprintf(stderr, "bench: %s\n", why.c_str());
-        abort();
-    }
-    std::vector<std::pair<pid_t, int>> children;
+    sp<FanOutService> service = serveFanOut();
+    const size_t count = kWarmEvents + kFanOutEvents;
+    std::vector<std::pair<pid_t, int>> followers;
     for (int i = 0; i < kClients; ++i) {
         int out;
-        const pid_t pid =
-                spawnReporting({"--helper-follow", std::to_string(kFanOutEvents)}, -1, &out);
-        children.push_back({pid, out});
+        const pid_t pid = spawnReporting({"--helper-follow", std::to_string(count)}, -1, &out);
+        followers.push_back({pid, out});
     }
+    std::vector<int> sockets;
+    const std::vector<std::pair<pid_t, int>> receivers = startBareReceivers(count, &sockets);
     const std::vector<sp<IHdmiUtilCallback>> clients = service->waitForClients(kClients);
-    timespec next;
-    clock_gettime(CLOCK_MONOTONIC, &next);
-    for (int i = 0; i < kFanOutEvents; ++i) {
-        paceTo(&next, kFanOutSpacingNs);
+
+    // The two sides take turns a millisecond apart, each first every other
+    // time, so that both see the same load; the first kWarmEvents of each
+    // are not counted.
+    const auto toLibrary = [&clients](size_t i) {
         const int64_t sent = nowNs();
         for (const auto& client : clients) client->handleEvent(1, i, 0, 0, sent).isOk();
-    }
-    f.library = figuresOf(collect(children, kFanOutEvents));
-
-    // The same bytes sent straight to 8 processes, each received and handed
-    // to a second thread there.
-    children.clear();
-    std::vector<int> sockets;
-    for (int i = 0; i < kClients; ++i) {
-        int ends[2];
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) abort();
-        int out;
-        const pid_t pid =
-                spawnReporting({"--helper-receive", std::to_string(kFanOutEvents)}, ends[1], &out);
-        close(ends[1]);
-        children.push_back({pid, out});
-        sockets.push_back(ends[0]);
-    }
-    // Frames sent before a receiver runs would wait for its start-up.
-    for (int fd : sockets) {
-        char ready;
-        if (recv(fd, &ready, 1, 0) != 1) abort();
-    }
-    clock_gettime(CLOCK_MONOTONIC, &next);
-    char frame[kEventBytes] = {};
-    for (int i = 0; i < kFanOutEvents; ++i) {
-        paceTo(&next, kFanOutSpacingNs);
+    };
+    const auto toBare = [&sockets] {
+        char frame[kEventBytes] = {};
         const int64_t sent = nowNs();
         memcpy(frame + kEventBytes - sizeof(sent), &sent, sizeof(sent));
         for (int fd : sockets) send(fd, frame, sizeof(frame), MSG_NOSIGNAL);
+    };
+    timespec next;
+    clock_gettime(CLOCK_MONOTONIC, &next);
+    for (size_t i = 0; i < count; ++i) {
+        paceTo(&next, kFanOutSpacingNs);
+        if (i % 2 == 0)
+            toLibrary(i);
+        else
+            toBare();
+        paceTo(&next, kFanOutSpacingNs);
+        if (i % 2 == 0)
+            toBare();
+        else
+            toLibrary(i);
     }
-    f.bare = figuresOf(collect(children, kFanOutEvents));
+    FanOut f;
+    f.library = figuresOf(collect(followers, count, kWarmEvents));
+    f.bare = figuresOf(collect(receivers, count, kWarmEvents));
     for (int fd : sockets) close(fd);
     return f;
 }

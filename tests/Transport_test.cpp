@@ -288,6 +288,31 @@ TEST_F(TransportTest, ABusyClientMissesEventsNotItsConnection) {
     EXPECT_TRUE(client->isAlive());
 }
 
+// Events that arrive while the client waits for a reply are read by the
+// caller and kept for the reader thread: every one is handed over after the
+// call, with nothing more arriving (not one per wake-up of the reader).
+TEST_F(TransportTest, EventsACallMetAreAllDeliveredAfterIt) {
+    struct CountedEvents : IHdmiUtilCallback {
+        ::android::hardware::Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t,
+                                                      int64_t) override {
+            ++handled;
+            return Void();
+        }
+        std::atomic<int> handled{0};
+    };
+    sp<CountedEvents> callback = new CountedEvents();
+    const uint32_t exported = client->exportObject(callback, IHdmiUtilCallback::descriptor);
+    sp<IHdmiUtilCallback> events = static_cast<IHdmiUtilCallback*>(
+            serving->proxyFor(exported, IHdmiUtilCallback::descriptor).get());
+    constexpr int kMet = 6;
+    EXPECT_CALL(*fake, getPropVal(1)).WillOnce(Invoke([&](int32_t) {
+        for (int i = 0; i < kMet; ++i) EXPECT_TRUE(events->handleEvent(1, i, 0, 0, 0).isOk());
+        return 1;
+    }));
+    EXPECT_TRUE(proxy->getPropVal(1).isOk());
+    EXPECT_TRUE(eventually([&] { return callback->handled == kMet; }, 5s)) << callback->handled;
+}
+
 // A call that takes long delays no other connection's calls: the loop is
 // handed on while it is served.
 TEST_F(TransportTest, ASlowCallDelaysNoOtherConnection) {

@@ -19,16 +19,19 @@ after its start, while the followers register again, while events flow),
 replaced for a while by a stand-in that accepts on the service socket and
 hangs up (at once, or after a frame or two: a service crashing at start), and
 started again; meanwhile followers are stopped (SIGSTOP) and continued, or their
-output is left unread, while events flow. After each round every follower is
-registered exactly once, and an unplug and a plug sent then reach each exactly
-once. Real processes on a private socket folder (procs.py).
+output is left unread, while events flow. Every second follower runs with
+--edids: it calls into the library at each plug, so its calls meet deaths and
+events. After each round every follower is registered exactly once, and an
+unplug and a plug sent then reach each exactly once. Real processes on a
+private socket folder (procs.py).
 
 usage: chaos_test.py VISTREL_HDMID VISTRELCTL [ROUNDS]
 environment: VISTREL_CHAOS_ROUNDS (instead of ROUNDS, e.g. 1000 by hand),
 VISTREL_CHAOS_SEED (else a random one, printed on failure),
-VISTREL_CHAOS_FOLLOWERS (default 8), VISTREL_CHAOS_KEEP_GOING=1 (a failed round
-is reported, the next starts with new followers, and each wait is limited to
-5 s: to count the failed rounds), VISTREL_TRANSPORT_FLAKE=1 (every process's
+VISTREL_CHAOS_FOLLOWERS (default 8), VISTREL_CHAOS_EDIDS=K (every K-th follower
+runs with --edids; default 2, 1 for all, 0 for none), VISTREL_CHAOS_KEEP_GOING=1
+(a failed round is reported, the next starts with new followers, and each wait
+is limited to 5 s: to count the failed rounds), VISTREL_TRANSPORT_FLAKE=1 (every process's
 transport in its flake mode, seeded with this run's seed).
 """
 
@@ -49,6 +52,7 @@ from procs import CONTROL, SERVICE
 
 KEEP_GOING = os.environ.get("VISTREL_CHAOS_KEEP_GOING") == "1"
 WAIT = 5 if KEEP_GOING else procs.WAIT
+EDIDS = int(os.environ.get("VISTREL_CHAOS_EDIDS") or 2)
 HOT_PLUG, UNPLUG = 1, 2  # event codes; their param4 is the service's monotonic clock
 
 
@@ -70,10 +74,10 @@ class Follower(procs.Follower):
     """A follower whose output can be left unread (it then fills the pipe and
     the follower's printing waits) while its events go on arriving."""
 
-    def __init__(self, env):
+    def __init__(self, env, edids):
         self.reading = threading.Event()
         self.reading.set()
-        super().__init__(env)
+        super().__init__(env, [procs.CTL, "events", "--follow", "--json"] + ["--edids"] * edids)
 
     def read(self):
         for line in self.proc.stdout:
@@ -181,8 +185,13 @@ class Chaos:
             f.end()
         self.kill_daemon()
         self.start_daemon(ready=True)
-        self.followers = [Follower(self.env) for _ in self.followers]
+        self.followers = [self.follower(i) for i in range(len(self.followers))]
         self.wait_registered(time.monotonic())
+
+    def follower(self, i):
+        # Every EDIDS-th one reads the EDID from the service at each plug, on
+        # the library's worker: a caller that calls in while the service dies.
+        return Follower(self.env, EDIDS > 0 and i % EDIDS == EDIDS - 1)
 
     def start_daemon(self, ready):
         with open(os.path.join(self.base, "daemon.log"), "a", encoding="utf-8") as err:
@@ -209,7 +218,7 @@ class Chaos:
         if plan["replace"]:
             i = rng.randrange(len(self.followers))
             self.followers[i].end()
-            self.followers[i] = Follower(self.env)
+            self.followers[i] = self.follower(i)
             self.wait_registered(time.monotonic())
         stop = threading.Event()
         events = flood(self.folder, plan["flood"], stop) if plan["flood"] is not None else None

@@ -109,13 +109,20 @@ void wakeClientReader(Connection::Impl* c) {
 void startClientReader(const sp<Connection>& connection) {
     std::thread([self = connection] {
         Connection::Impl* c = self->impl();
+        bool kept = false;  // frames a caller met are still waiting here
         for (;;) {
             bool output;
             {
                 std::lock_guard<std::mutex> queue(c->queueLock);
                 output = !c->outbox.frames.empty();
             }
-            waitFor(c->fd, (c->exporting ? POLLIN : 0) | (output ? POLLOUT : 0), c->wakeFd);
+            // A caller wakes this thread once however many frames it met (and
+            // the wake-ups of several calls are read as one): all of them are
+            // handed over before it waits again, or the rest would wait for
+            // the service's next frame, which a later call may meet in turn.
+            if (!kept) {
+                waitFor(c->fd, (c->exporting ? POLLIN : 0) | (output ? POLLOUT : 0), c->wakeFd);
+            }
             if (output) {
                 std::lock_guard<std::mutex> queue(c->queueLock);
                 if (!flushOutbox(c)) break;
@@ -127,6 +134,7 @@ void startClientReader(const sp<Connection>& connection) {
             if (!c->deferred.empty()) {
                 frame = std::make_unique<Frame>(std::move(c->deferred.front()));
                 c->deferred.pop_front();
+                kept = !c->deferred.empty();
             } else {
                 frame = std::make_unique<Frame>();
                 const Received got = receiveFrame(c->fd, &c->buffer, frame.get(), MSG_DONTWAIT);
@@ -166,11 +174,16 @@ Status Connection::transact(uint32_t object, uint32_t code, const WireOut& args,
     std::unique_ptr<Frame> answer;
     uint32_t dropped = 0;
     while (sent && answer == nullptr) {
-        waitFor(c->fd, POLLIN);
+        // A receive that waits (the reader thread reads nothing while a call
+        // is in progress): one system call per frame, not a poll and a read.
         auto frame = std::make_unique<Frame>();
-        std::lock_guard<std::mutex> guard(c->readLock);
-        const Received got = receiveFrame(c->fd, &c->buffer, frame.get(), MSG_DONTWAIT);
-        if (got == Received::kNothing) continue;
+        std::unique_lock<std::mutex> guard(c->readLock);
+        const Received got = receiveFrame(c->fd, &c->buffer, frame.get(), 0);
+        if (got == Received::kNothing) {
+            guard.unlock();
+            waitFor(c->fd, POLLIN);  // a socket made non-blocking by its owner
+            continue;
+        }
         if (got != Received::kFrame) break;  // the reader thread sees the end too
         if (frame->header.kind == kReply) {
             answer = std::move(frame);

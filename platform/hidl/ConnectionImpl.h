@@ -52,8 +52,9 @@ struct Outbox {
 
 // Where the serving side stands with its one call at a time.
 struct ServingState {
-    bool callTaken = false;    // a frame was read and is served: input is not watched
+    bool callTaken = false;    // a frame was read and is served: no other is read meanwhile
     bool replyQueued = false;  // the call's reply waits in the outbox
+    bool inputHeld = false;    // input came while busy: it is unwatched until the call ends
     bool ending = false;       // the end is decided (the peer is gone, or was given up)
     bool tell = false;         // the end is the peer's: death recipients are told
     bool ended = false;        // the socket is closed and the end told
@@ -124,8 +125,8 @@ std::function<void()> onServingEvents(const sp<Connection>& connection, int even
 bool flushOutbox(Connection::Impl* c);
 
 // Serving side: has the loop watch the socket for what the connection waits
-// for now (input unless a call is served, room while the outbox holds
-// frames). Under queueLock.
+// for now (input, unless input came while a call is served; room while the
+// outbox holds frames). Under queueLock.
 void watchServingLocked(Connection::Impl* c);
 
 // Client side: the reader thread, and its wake-up.

@@ -15,13 +15,15 @@
  */
 
 // The serving side's half of a connection, driven by the serving loop: one
-// call at a time, in order. The loop reads a frame when the socket has one
-// and stops watching for input; the call is served off the loop, its reply
-// goes straight onto the socket or, when the socket is full, waits in the
-// outbox for the loop to write it; then input is watched again. Nothing here
-// waits on the peer. The end (the peer gone, a malformed frame, a socket
-// error) is decided once; once no call runs, the socket is closed, the death
-// recipients told and then the listener.
+// call at a time, in order. The loop reads a frame when the socket has one;
+// the call is served, its reply goes straight onto the socket or, when the
+// socket is full, waits in the outbox for the loop to write it. The socket's
+// watch stays as it is around a call (changing it would cost two system
+// calls per call): a client waits for its reply, so input rarely comes
+// meanwhile; when some does, it is left unread and unwatched until the call
+// ends. Nothing here waits on the peer. The end (the peer gone, a malformed
+// frame, a socket error) is decided once; once no call runs, the socket is
+// closed, the death recipients told and then the listener.
 
 #define LOG_TAG "HostTransport"
 
@@ -126,8 +128,9 @@ void serve(const sp<Connection>& connection, Frame& frame) {
 
 void watchServingLocked(Connection::Impl* c) {
     if (c->state.ending || c->looper == nullptr) return;
+    if (!c->state.callTaken && !c->state.replyQueued) c->state.inputHeld = false;
     int events = c->outbox.frames.empty() ? 0 : Looper::EVENT_OUTPUT;
-    if (!c->state.callTaken && !c->state.replyQueued) events |= Looper::EVENT_INPUT;
+    if (!c->state.inputHeld) events |= Looper::EVENT_INPUT;
     if (events == c->state.watched) return;
     c->state.watched = events;
     c->looper->addFd(c->fd, 0, events, c->watch, nullptr);
@@ -154,6 +157,8 @@ std::function<void()> onServingEvents(const sp<Connection>& connection, int even
         }
     } else if ((events & (Looper::EVENT_HANGUP | Looper::EVENT_ERROR)) != 0) {
         gone = true;  // with a call served, or nothing to read: the peer is gone
+    } else if ((events & Looper::EVENT_INPUT) != 0) {
+        c->state.inputHeld = true;  // read once the call in progress has ended
     }
     if (gone) {
         endLocked(connection);

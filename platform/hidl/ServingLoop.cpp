@@ -24,7 +24,6 @@
 #include <log/log.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -45,8 +44,10 @@ namespace {
 
 constexpr auto kIdleThreadLife = std::chrono::seconds(5);
 // How long a call may be served by the thread at the loop before the loop is
-// handed to another thread.
-constexpr int64_t kStallNs = 2 * 1000 * 1000;
+// handed to another thread; the watchdog looks that often while calls come,
+// and sleeps after kQuietLooks looks that saw none begin at the loop.
+constexpr auto kStall = std::chrono::milliseconds(2);
+constexpr int kQuietLooks = 50;
 // How long the listener rests after accept failed for want of descriptors or
 // memory, and how often it looks for a service not registered yet.
 constexpr nsecs_t kAcceptRetryNs = 100 * 1000 * 1000;
@@ -149,8 +150,7 @@ ServingLoop& ServingLoop::get() {
     return *loop;
 }
 
-ServingLoop::ServingLoop()
-    : mLooper(new Looper(false)), mStallTimer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)) {
+ServingLoop::ServingLoop() : mLooper(new Looper(false)) {
     std::lock_guard<std::mutex> guard(mLock);
     while (mThreads < kMinPoolThreads) spawnLocked();
     std::thread([this] { watchdogMain(); }).detach();
@@ -200,7 +200,7 @@ void ServingLoop::lead(std::unique_lock<std::mutex>& lock) {
         if (taken.empty()) continue;
         // The first call is served here, with the loop kept: most calls end
         // at once, and no other thread need wake. Should it take longer than
-        // kStallNs the watchdog hands the loop to another thread, and this
+        // kStall the watchdog hands the loop to another thread, and this
         // one leaves the loop when it is done.
         std::function<void()> first = std::move(taken.front());
         for (size_t i = 1; i < taken.size(); ++i) mJobs.push_back(std::move(taken[i]));
@@ -211,11 +211,14 @@ void ServingLoop::lead(std::unique_lock<std::mutex>& lock) {
         }
         const uint64_t turn = ++mTurn;
         mServingInLoop = true;
+        mServingSince = std::chrono::steady_clock::now();
+        if (mWatchdogAsleep) {
+            mWatchdogAsleep = false;
+            mWatchdogWake.notify_one();
+        }
         lock.unlock();
-        armWatchdog(kStallNs);
         first();
         first = nullptr;
-        armWatchdog(0);
         lock.lock();
         if (mServingInLoop && mTurn == turn) {
             mServingInLoop = false;
@@ -225,25 +228,39 @@ void ServingLoop::lead(std::unique_lock<std::mutex>& lock) {
     }
 }
 
-void ServingLoop::armWatchdog(int64_t ns) {
-    itimerspec when{};
-    when.it_value.tv_sec = ns / 1000000000;
-    when.it_value.tv_nsec = ns % 1000000000;
-    if (timerfd_settime(mStallTimer, 0, &when, nullptr) != 0) ALOGW("watchdog not set");
+void ServingLoop::watchdogMain() {
+    std::unique_lock<std::mutex> lock(mLock);
+    for (;;) {
+        if (mServingInLoop) {
+            const auto deadline = mServingSince + kStall;
+            if (std::chrono::steady_clock::now() < deadline) {
+                mWatchdogWake.wait_until(lock, deadline);
+            } else {
+                handLoopOnLocked();
+            }
+        } else if (callsComing()) {
+            mWatchdogWake.wait_for(lock, kStall);
+        } else {
+            mWatchdogAsleep = true;
+            mWatchdogWake.wait(lock, [this] { return !mWatchdogAsleep; });
+        }
+    }
 }
 
-void ServingLoop::watchdogMain() {
-    for (;;) {
-        uint64_t expired = 0;
-        if (read(mStallTimer, &expired, sizeof(expired)) != sizeof(expired)) continue;
-        std::lock_guard<std::mutex> guard(mLock);
-        if (!mServingInLoop) continue;  // the call ended meanwhile
-        // A call served in the loop takes long: the loop goes to another thread.
-        mServingInLoop = false;
-        mLeading = false;
-        if (mIdle == 0 && mThreads < kMaxPoolThreads) spawnLocked();
-        mWake.notify_all();
+bool ServingLoop::callsComing() {
+    if (mTurn != mWatchdogTurn) {
+        mWatchdogTurn = mTurn;
+        mQuietLooks = 0;
     }
+    return ++mQuietLooks <= kQuietLooks;
+}
+
+void ServingLoop::handLoopOnLocked() {
+    // A call served in the loop takes long: the loop goes to another thread.
+    mServingInLoop = false;
+    mLeading = false;
+    if (mIdle == 0 && mThreads < kMaxPoolThreads) spawnLocked();
+    mWake.notify_all();
 }
 
 void ServingLoop::run(std::function<void()> job) {

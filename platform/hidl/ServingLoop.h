@@ -18,9 +18,11 @@
 // every served connection's socket, and a small pool of threads takes turns
 // at it. The thread at the loop (the leader) reads what arrives and serves a
 // call it takes itself, keeping the loop: a call costs no hand-off between
-// threads and wakes no other. A watchdog timer, armed while it serves, hands
-// the loop to another thread when a call takes longer than a moment, so a
-// slow call delays no other connection. Other calls taken at once go to idle
+// threads and wakes no other. A watchdog thread hands the loop to another
+// thread when a call takes longer than a moment, so a slow call delays no
+// other connection: the leader only notes when its call began (no system
+// call), and the watchdog looks at that every moment while calls come, and
+// sleeps once they stop. Other calls taken at once go to idle
 // threads; threads are added while calls wait (up to kMaxPoolThreads) and
 // leave after a while idle.
 
@@ -30,6 +32,7 @@
 #include <sys/types.h>
 #include <utils/Looper.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -79,21 +82,28 @@ class ServingLoop {
     // Polls the loop and serves the calls it yields, until the watchdog
     // hands the loop to another thread. Under mLock.
     void lead(std::unique_lock<std::mutex>& lock);
-    void armWatchdog(int64_t ns);  // 0 disarms
     void watchdogMain();
+    // Whether the watchdog should look again in a moment; false once no call
+    // was served at the loop for a while. Under mLock.
+    bool callsComing();
+    void handLoopOnLocked();
 
     class ConnectionWatch;
     class ListenerWatch;
 
     const sp<Looper> mLooper;
-    const int mStallTimer;  // expires when a call served at the loop takes long
 
     std::mutex mLock;
     std::condition_variable mWake;            // a job queued, or the loop left without a leader
+    std::condition_variable mWatchdogWake;    // a call began at the loop while the watchdog slept
     std::deque<std::function<void()>> mJobs;  // under mLock: calls and ends waiting for a thread
-    bool mLeading = false;          // under mLock: a thread has the loop (polls, or serves a call)
-    bool mServingInLoop = false;    // under mLock: the thread at the loop serves a call
-    uint64_t mTurn = 0;             // under mLock: calls served at the loop so far
+    bool mLeading = false;        // under mLock: a thread has the loop (polls, or serves a call)
+    bool mServingInLoop = false;  // under mLock: the thread at the loop serves a call
+    uint64_t mTurn = 0;           // under mLock: calls served at the loop so far
+    std::chrono::steady_clock::time_point mServingSince;  // under mLock: when that call began
+    bool mWatchdogAsleep = false;   // under mLock: the watchdog waits for a call at the loop
+    uint64_t mWatchdogTurn = 0;     // watchdog thread only: mTurn at its last look
+    int mQuietLooks = 0;            // watchdog thread only: looks since mTurn last moved
     size_t mThreads = 0;            // under mLock: threads of the pool
     size_t mIdle = 0;               // under mLock: of them waiting for work
     std::map<uid_t, size_t> mOpen;  // under mLock: connections per user id
