@@ -91,8 +91,11 @@ struct RefTiming {
     std::string aspect;
 };
 
-// Reads "3840x2160i   60.000000 Hz  16:9   135.000 kHz   594.000000 MHz".
-bool parseTimingText(const std::string& text, RefTiming* t) {
+// Reads "VIC 97: 3840x2160i   60.000000 Hz  16:9   135.000 kHz   594.000000 MHz" after the colon.
+bool parseTimingText(const std::string& line, RefTiming* t) {
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos) return false;
+    const std::string text = line.substr(colon + 1);
     int n = 0, m = 0;
     if (sscanf(text.c_str(), " %dx%d%n", &t->width, &t->height, &n) != 2) return false;
     t->interlaced = text[n] == 'i';
@@ -103,12 +106,6 @@ bool parseTimingText(const std::string& text, RefTiming* t) {
     return true;
 }
 
-std::string afterColon(const std::string& text) {
-    size_t colon = text.find(':');
-    size_t start = text.find_first_not_of(' ', colon + 1);
-    return colon == std::string::npos || start == std::string::npos ? "" : text.substr(start);
-}
-
 // edid-decode's table of VICs: timing, aspect and pixel clock.
 const std::map<int, RefTiming>& referenceVics() {
     static const std::map<int, RefTiming> vics = [] {
@@ -117,7 +114,7 @@ const std::map<int, RefTiming>& referenceVics() {
         for (std::string line; std::getline(in, line);) {
             int vic;
             RefTiming t;
-            if (sscanf(line.c_str(), "VIC %d:", &vic) == 1 && parseTimingText(afterColon(line), &t))
+            if (sscanf(line.c_str(), "VIC %d:", &vic) == 1 && parseTimingText(line, &t))
                 table[vic] = t;
         }
         return table;
@@ -214,7 +211,7 @@ Facts referenceFacts(const std::string& path, const std::set<int>& dropped) {
                            vic != 0 && vic != 128 && vic < 254;  // not a reserved code
         const bool dtdBlock = block.rfind("CTA-861", 0) == 0 || block == "Base EDID";
         if (dtdBlock && starts("DTD ") && isdigit(static_cast<unsigned char>(text[4])) &&
-            parseTimingText(afterColon(text), &t)) {
+            parseTimingText(text, &t)) {
             facts["@dtds"].push_back(
                     timingText(t.width, t.height, t.interlaced, t.mhz * 1000, t.hz));
         }
@@ -225,7 +222,7 @@ Facts referenceFacts(const std::string& path, const std::set<int>& dropped) {
         }
         if (indent == 4 &&
             (section == "Established Timings I & II:" || section == "Standard Timings:") &&
-            parseTimingText(afterColon(text), &t)) {
+            parseTimingText(text, &t)) {
             facts["@timings"].push_back(timingText(t.width, t.height, t.interlaced, 0, 0));
         } else if (section == "Video Data Block:" && isVic) {
             addVic(vic, "~vdb");

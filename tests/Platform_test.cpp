@@ -15,7 +15,7 @@
  */
 
 // The host platform stand-ins, which the library relies on to act as Android's do: the HIDL
-// runtime's Return<T> and data types, the service registry and its death notices, the properties.
+// runtime's Return<T> and handles, the service registry and its death notices, the properties.
 
 #include <cutils/native_handle.h>
 #include <cutils/properties.h>
@@ -99,51 +99,6 @@ TEST(ReturnTest, StatusesDescribeTheFailureAndCheckedReturnsEndQuietly) {
     Return<void> done = Void();
     done = Return<void>(Status::fromStatusT(DEAD_OBJECT));
     EXPECT_TRUE(done.isDeadObject());
-}
-
-// Result callbacks hand records over by reference; the library keeps deep copies.
-TEST(HidlTypesTest, CopiesAreDeepMovesHandOverAndTheCallersMemoryIsNotFreed) {
-    hidl_vec<int32_t> original{1, 2, 3};
-    hidl_vec<int32_t> copy(original);
-    hidl_vec<int32_t> assigned{9, 9, 9, 9, 9};
-    assigned = original;
-    original[0] = 100;
-    EXPECT_EQ(std::vector<int32_t>(copy), (std::vector<int32_t>{1, 2, 3}));
-    EXPECT_EQ(assigned, copy);
-    const int32_t* buffer = original.data();
-    hidl_vec<int32_t> moved(std::move(original));
-    copy = std::move(moved);
-    EXPECT_EQ(copy.data(), buffer);
-    EXPECT_EQ(original.size(), 0u);    // NOLINT(bugprone-use-after-move)
-    EXPECT_EQ(moved.data(), nullptr);  // NOLINT(bugprone-use-after-move)
-    copy.resize(5);
-    EXPECT_EQ(std::vector<int32_t>(copy), (std::vector<int32_t>{100, 2, 3, 0, 0}));
-    copy.resize(2);
-    EXPECT_EQ(std::vector<int32_t>(copy), (std::vector<int32_t>{100, 2}));
-    int32_t foreign[2] = {10, 20};  // freeing it would abort in the allocator
-    {
-        hidl_vec<int32_t> view;
-        view.setToExternal(foreign, 2);
-        view[1] = 21;
-        view.resize(3);  // moves into a buffer of its own
-        view[0] = 0;
-        EXPECT_EQ(view[1], 21);
-    }
-    EXPECT_EQ(std::vector<int32_t>(foreign, foreign + 2), (std::vector<int32_t>{10, 21}));
-
-    hidl_string text("a\0b", 3);
-    hidl_string textCopy(text);
-    EXPECT_EQ(std::string(textCopy), std::string("a\0b", 3));
-    EXPECT_EQ(textCopy.c_str()[3], '\0');
-    EXPECT_TRUE(text == textCopy && text != hidl_string("a\0c", 3));
-    EXPECT_EQ(std::string(hidl_string("hdmi")), "hdmi");
-    EXPECT_TRUE(hidl_string(static_cast<const char*>(nullptr)).empty());
-    char surface[] = "surface";
-    hidl_string view;
-    view.setToExternal(surface, 7);
-    view = text;  // must not free the caller's array
-    const int32_t source[2] = {1, 2};
-    EXPECT_EQ((hidl_array<int32_t, 2>(source)[1]), 2);
 }
 
 // The library wraps its caller's descriptors without owning them.
