@@ -75,12 +75,8 @@ std::string frame(uint8_t kind, uint32_t code, const std::string& body = "", int
 }
 
 size_t openDescriptors() {
-    size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        (void)entry;
-        ++count;
-    }
-    return count;
+    const std::filesystem::directory_iterator fds("/proc/self/fd");
+    return std::distance(begin(fds), end(fds));
 }
 
 bool sendWithDescriptors(int fd, const std::string& bytes, const std::vector<int>& fds) {
