@@ -387,7 +387,8 @@ TEST(TransportFrameTest, ACallSentDuringAnotherIsServedAfterIt) {
     EXPECT_EQ(nextKind(client), 3);
     EXPECT_EQ(nextKind(client), 3);
     close(client);
-    EXPECT_TRUE(eventually([&] { return !serving->isAlive(); }, 10s));
+    // The connection's end lets the service go once its listener has run.
+    EXPECT_TRUE(eventually([&] { return fake->getStrongCount() == 1; }, 10s));
 }
 
 // Frames a hostile client sends, each on a connection of its own: what the
@@ -446,6 +447,7 @@ TEST(TransportFrameTest, MalformedFramesAreHungUpOnAndLeaveNoDescriptor) {
         EXPECT_TRUE(eventually([&] { return openDescriptors() <= before; }, 2s));
     }
     close(null);
+    EXPECT_TRUE(eventually([&] { return fake->getStrongCount() == 1; }, 10s));
 }
 
 // A listener at `path`, bound by this process; when `uid` is given, it listens

@@ -253,8 +253,12 @@ class ExhaustionTest(procs.ProcessTest):
         limit = max(used) + 3  # fewer descriptors left than the clients that come
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (limit, limit))
         peers = [self.connect(procs.CONTROL) for _ in range(limit - len(used) + 2)]
-        procs.wait_until(lambda: "cannot accept (Too many open files)" in self.daemon.stderr(),
-                         "an accept to fail")
+
+        def exhausted():  # one client more each look (the daemon's own may come and go)
+            if len(peers) < 32:
+                peers.append(self.connect(procs.CONTROL))
+            return "cannot accept (Too many open files)" in self.daemon.stderr()
+        procs.wait_until(exhausted, "an accept to fail")
         time.sleep(0.5)  # more accepts fail meanwhile, logged once until one succeeds
         # (a silent client dropped at its deadline, under load, frees a descriptor)
         episode = self.daemon.stderr().split("accepting again")[0]
