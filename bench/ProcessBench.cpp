@@ -22,6 +22,7 @@
 #include <cutils/properties.h>
 #include <hidl/HostServiceRegistry.h>
 #include <hidl/HostTransport.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -131,6 +132,14 @@ void paceTo(timespec* next, int64_t spacing) {
         ++next->tv_sec;
     }
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, next, nullptr);
+}
+
+// Keeps the calling thread, and the threads it starts from now on, on `cpu`.
+void pinTo(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    if (sched_setaffinity(0, sizeof(set), &set) != 0) perror("bench: sched_setaffinity");
 }
 
 // --- helpers ---------------------------------------------------------------
@@ -305,6 +314,8 @@ bool runHelper(int argc, char** argv, int* exitCode) {
     if (argc < 2 || strncmp(argv[1], "--helper-", 9) != 0) return false;
     const std::string part = argv[1] + 9;
     const size_t n = argc > 2 ? strtoul(argv[2], nullptr, 10) : 0;
+    // The round trip's peers are placed by the benchmark: their CPU comes last.
+    if (part == "serve" || part == "echo") pinTo(atoi(argv[argc - 1]));
     if (part == "serve") *exitCode = serveNull();
     if (part == "echo") *exitCode = echo(3, n);
     if (part == "follow") *exitCode = followEvents(n);
@@ -313,12 +324,27 @@ bool runHelper(int argc, char** argv, int* exitCode) {
     return true;
 }
 
-RoundTrip crossProcessRoundTrip() {
+RoundTrip crossProcessRoundTrip(bool otherCpu) {
+    // Left to the scheduler, a caller and its peer share a CPU in one run and
+    // not in the next, and a wake-up across CPUs costs more than the call's
+    // own work on a machine that is idle: the ratio then tells where the
+    // processes ran. Both sides are placed the same way instead: the caller
+    // (and the library's threads) on this thread's first CPU, the service
+    // and the bare echoer on that CPU or on the next one.
+    cpu_set_t allowed;
+    if (sched_getaffinity(0, sizeof(allowed), &allowed) != 0) abort();
+    std::vector<int> cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(cpu, &allowed)) cpus.push_back(cpu);
+    }
+    const std::string peerCpu = std::to_string(cpus[otherCpu && cpus.size() > 1 ? 1 : 0]);
+    pinTo(cpus[0]);
+
     // The library, as the only client of a service in another process.
     const std::string folder = makeFolder();
     setenv("VISTREL_SOCKET_DIR", folder.c_str(), 1);
     ::android::hardware::host::clearServices();
-    const pid_t server = spawnSelf({"--helper-serve"}, nullptr);
+    const pid_t server = spawnSelf({"--helper-serve", peerCpu}, nullptr);
     property_set("vendor.mirova.hdmi.service.start", "1");
     hdmi_createLib(nullptr, nullptr);  // waits for the service
 
@@ -329,7 +355,8 @@ RoundTrip crossProcessRoundTrip() {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], 3);
-    const pid_t echoer = spawnSelf({"--helper-echo", std::to_string(kHeaderBytes + 2)}, &actions);
+    const pid_t echoer =
+            spawnSelf({"--helper-echo", std::to_string(kHeaderBytes + 2), peerCpu}, &actions);
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
     const auto calls = [](int count) {
@@ -357,6 +384,7 @@ RoundTrip crossProcessRoundTrip() {
     stop(server);
     close(ends[0]);
     waitpid(echoer, nullptr, 0);
+    sched_setaffinity(0, sizeof(allowed), &allowed);
     RoundTrip r;
     r.libraryNs = static_cast<double>(libraryNs) / kRoundTrips;
     r.bareNs = static_cast<double>(bareNs) / kRoundTrips;

@@ -67,12 +67,13 @@ class LatencyCallback : public VistrelCallback2 {
 bool runHelper(int argc, char** argv, int* exitCode);
 
 // Wall time per framed hdmi_checkIfHDMIPlugged() against a service in another
-// process, and per bare request/answer of the same sizes on a socket pair.
+// process, and per bare request/answer of the same sizes on a socket pair;
+// the peer process on the caller's CPU, or on another one where there is one.
 struct RoundTrip {
     double libraryNs = 0;
     double bareNs = 0;
 };
-RoundTrip crossProcessRoundTrip();
+RoundTrip crossProcessRoundTrip(bool otherCpu);
 
 // One event fanned out to 8 client processes: from the service's send to
 // each client's callback, against a bare send of the same bytes to 8
