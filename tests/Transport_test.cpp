@@ -44,6 +44,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/hidl/ServingLoop.h"
 #include "support/FakeHdmiUtil.h"
 #include "support/LogCapture.h"
 
@@ -389,6 +390,57 @@ TEST(TransportFrameTest, ACallSentDuringAnotherIsServedAfterIt) {
     close(client);
     // The connection's end lets the service go once its listener has run.
     EXPECT_TRUE(eventually([&] { return fake->getStrongCount() == 1; }, 10s));
+}
+
+// Calls that wait hold a pool thread each: no more than the pool's bound are
+// served at once, and the calls left in their sockets are served once those
+// end. The calls come one at a time (each served before the next is sent),
+// then all at once (written before their connections are served, so that the
+// loop takes them together).
+TEST(TransportFrameTest, WaitingCallsHoldNoMoreThreadsThanThePoolHas) {
+    const uint32_t plugged = transactionCodes().at("checkIfHDMIPlugged");
+    constexpr int kThreads = static_cast<int>(::android::hardware::host::kMaxPoolThreads);
+    constexpr int kCalls = kThreads + 4;
+    for (const bool together : {false, true}) {
+        SCOPED_TRACE(together ? "all at once" : "one at a time");
+        sp<FakeHdmiUtil> fake = new FakeHdmiUtil();
+        Gate gate;
+        std::atomic<int> inside{0};
+        std::atomic<int> most{0};
+        EXPECT_CALL(*fake, checkIfHDMIPlugged()).Times(kCalls).WillRepeatedly(Invoke([&] {
+            const int now = ++inside;
+            int seen = most.load();
+            while (now > seen && !most.compare_exchange_weak(seen, now)) {
+            }
+            gate.wait();
+            --inside;
+            return true;
+        }));
+        std::vector<int> clients;
+        std::vector<sp<Connection>> served;
+        for (int i = 0; i < kCalls; ++i) {
+            int ends[2];
+            ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+            clients.push_back(ends[1]);
+            if (together) {
+                ASSERT_TRUE(sendWithDescriptors(ends[1], frame(1, plugged), {}));
+            }
+            served.push_back(Connection::forService(ends[0], fake, IHdmiUtil::descriptor,
+                                                    ucred{kPeerPid, kPeerUid, 0}));
+            if (together) continue;
+            ASSERT_TRUE(sendWithDescriptors(ends[1], frame(1, plugged), {}));
+            if (i < kThreads) gate.awaitWaiters(i + 1);
+        }
+        gate.awaitWaiters(kThreads);
+        std::this_thread::sleep_for(200ms);  // time for a thread too many to take a call
+        EXPECT_EQ(most.load(), kThreads);
+        gate.open();
+        for (const int fd : clients) {
+            EXPECT_EQ(nextKind(fd), 3);
+            close(fd);
+        }
+        EXPECT_TRUE(eventually([&] { return fake->getStrongCount() == 1; }, 10s));
+    }
 }
 
 // Frames a hostile client sends, each on a connection of its own: what the
