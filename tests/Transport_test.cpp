@@ -99,11 +99,14 @@ constexpr pid_t kPeerPid = 4242;  // what the kernel said of the client
 constexpr uid_t kPeerUid = 4343;
 
 // A connection served on one end of a socket pair; the other end, for a client
-// made by hand, in *client.
-sp<Connection> servedPair(const sp<FakeHdmiUtil>& fake, int* client) {
+// made by hand, in *client. A `waiting` frame is written before the serving
+// begins, so that the loop finds it at once.
+sp<Connection> servedPair(const sp<FakeHdmiUtil>& fake, int* client,
+                          const std::string& waiting = "") {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return nullptr;
     *client = ends[1];
+    if (!waiting.empty() && !sendWithDescriptors(ends[1], waiting, {})) return nullptr;
     return Connection::forService(ends[0], fake, IHdmiUtil::descriptor,
                                   ucred{kPeerPid, kPeerUid, 0});
 }
@@ -419,16 +422,12 @@ TEST(TransportFrameTest, WaitingCallsHoldNoMoreThreadsThanThePoolHas) {
         std::vector<int> clients;
         std::vector<sp<Connection>> served;
         for (int i = 0; i < kCalls; ++i) {
-            int ends[2];
-            ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-            clients.push_back(ends[1]);
-            if (together) {
-                ASSERT_TRUE(sendWithDescriptors(ends[1], frame(1, plugged), {}));
-            }
-            served.push_back(Connection::forService(ends[0], fake, IHdmiUtil::descriptor,
-                                                    ucred{kPeerPid, kPeerUid, 0}));
+            int client = -1;
+            served.push_back(servedPair(fake, &client, together ? frame(1, plugged) : ""));
+            ASSERT_NE(served.back(), nullptr);
+            clients.push_back(client);
             if (together) continue;
-            ASSERT_TRUE(sendWithDescriptors(ends[1], frame(1, plugged), {}));
+            ASSERT_TRUE(sendWithDescriptors(client, frame(1, plugged), {}));
             if (i < kThreads) gate.awaitWaiters(i + 1);
         }
         gate.awaitWaiters(kThreads);

@@ -188,13 +188,18 @@ class ServicePeersTest(procs.ProcessTest):
         self.assertIn(follower.proc.pid, self.clients())
 
 
+def with_sanitizer_option(variable, option):
+    # This process's environment, with `option` added to a sanitizer's options.
+    options = ":".join(filter(None, (os.environ.get(variable), option)))
+    return dict(os.environ, **{variable: options})
+
+
 def out_of_descriptors_env():
     # The environment of a daemon the test runs out of descriptors: the vptr
     # check cannot work without one (see the suppression file).
     here = os.path.dirname(os.path.abspath(__file__))
     supp = os.path.join(here, "out-of-descriptors.ubsan.supp")
-    ubsan = ":".join(filter(None, (os.environ.get("UBSAN_OPTIONS"), f"suppressions={supp}")))
-    return dict(os.environ, UBSAN_OPTIONS=ubsan)
+    return with_sanitizer_option("UBSAN_OPTIONS", f"suppressions={supp}")
 
 
 class ExhaustionTest(procs.ProcessTest):
@@ -202,8 +207,8 @@ class ExhaustionTest(procs.ProcessTest):
 
     def test_one_client_cannot_make_the_service_keep_without_bound(self):
         # Freed memory counts as freed: AddressSanitizer's quarantine would hold it.
-        asan = ":".join(filter(None, (os.environ.get("ASAN_OPTIONS"), "quarantine_size_mb=0")))
-        self.daemon = self.start(self.folder, env=dict(os.environ, ASAN_OPTIONS=asan))
+        self.daemon = self.start(
+            self.folder, env=with_sanitizer_option("ASAN_OPTIONS", "quarantine_size_mb=0"))
         count = (procs.MAX_BODY - 8) // 24  # the most instances a frame carries
         instances = b"".join(struct.pack("<6i", i, 1, 2, 3, 1, 0) for i in range(count))
 
