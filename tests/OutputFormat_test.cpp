@@ -107,12 +107,10 @@ TEST_F(OutputFormatTest, ReadsWriteTheCallerRecordOnlyOnSuccess) {
 
 TEST_F(OutputFormatTest, NullRecordIsFatal) {
     for (const ReadOperation& read : kReads) {
-        EXPECT_DEATH(read.call(nullptr),
-                     "HDMI-HIDL-Vistrel: .*OutputFormat.cpp:[0-9]+: CHECK\\(fmt != NULL\\) failed");
+        expectNullCheck([&read] { read.call(nullptr); }, "OutputFormat.cpp", "fmt");
     }
-    EXPECT_DEATH(hdmi_setOutputFormat(nullptr, 0),
-                 "VistrelWrapper: .*HDMIWrapper.cpp:[0-9]+: CHECK\\(fmt != NULL\\) failed\\.");
-    EXPECT_DEATH(hdmi_saveOutputFormat(nullptr), "HDMIWrapper.cpp:[0-9]+: CHECK\\(fmt != NULL\\)");
+    expectNullCheck([] { hdmi_setOutputFormat(nullptr, 0); }, "HDMIWrapper.cpp", "fmt");
+    expectNullCheck([] { hdmi_saveOutputFormat(nullptr); }, "HDMIWrapper.cpp", "fmt");
 }
 
 TEST_F(OutputFormatTest, ComposerSwitchOffIsReadOnceAndSendsHdrModeTwo) {

@@ -309,18 +309,14 @@ TEST_F(SinkCapabilityTest, FakeEdidIsSentOnlyAt256Bytes) {
 TEST_F(SinkCapabilityTest, NullOutPointersAreFatal) {
     int values[4];
     int len = 0, color = 0, depth = 0;
-    EXPECT_DEATH(hdmi_getTVCapInfo(nullptr),
-                 "HDMI-HIDL-Vistrel: .*TVCapInfo.cpp:[0-9]+: CHECK\\(pInfo != NULL\\) failed\\.");
-    EXPECT_DEATH(hdmi_getHDRSupportList(values, 4, nullptr),
-                 "HdrColor.cpp:[0-9]+: CHECK\\(len != NULL\\) failed\\.");
-    EXPECT_DEATH(hdmi_getHDRSupportList(nullptr, 4, &len), "CHECK\\(list != NULL\\) failed\\.");
-    EXPECT_DEATH(hdmi_getColorSet(nullptr, &depth, 1, 2, 3), "CHECK\\(color != NULL\\) failed");
-    EXPECT_DEATH(hdmi_getColorSet(&color, nullptr, 1, 2, 3), "CHECK\\(depth != NULL\\) failed");
-    EXPECT_DEATH(hdmi_getEDIDRawData(nullptr, 256),
-                 "SinkStatus.cpp:[0-9]+: CHECK\\(buffer != NULL\\) failed\\.");
-    EXPECT_DEATH(hdmi_setFakeEDID(nullptr, 256), "CHECK\\(edid != NULL\\) failed\\.");
-    EXPECT_DEATH(hdmi_queryEDIDSupportList(nullptr),
-                 "VistrelWrapper: .*HDMIWrapper.cpp:[0-9]+: CHECK\\(list != NULL\\) failed\\.");
+    expectNullCheck([] { hdmi_getTVCapInfo(nullptr); }, "TVCapInfo.cpp", "pInfo");
+    expectNullCheck([&] { hdmi_getHDRSupportList(values, 4, nullptr); }, "HdrColor.cpp", "len");
+    expectNullCheck([&] { hdmi_getHDRSupportList(nullptr, 4, &len); }, "HdrColor.cpp", "list");
+    expectNullCheck([&] { hdmi_getColorSet(nullptr, &depth, 1, 2, 3); }, "HdrColor.cpp", "color");
+    expectNullCheck([&] { hdmi_getColorSet(&color, nullptr, 1, 2, 3); }, "HdrColor.cpp", "depth");
+    expectNullCheck([] { hdmi_getEDIDRawData(nullptr, 256); }, "SinkStatus.cpp", "buffer");
+    expectNullCheck([] { hdmi_setFakeEDID(nullptr, 256); }, "SinkStatus.cpp", "edid");
+    expectNullCheck([] { hdmi_queryEDIDSupportList(nullptr); }, "HDMIWrapper.cpp", "list");
 }
 
 }  // namespace

@@ -29,6 +29,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -99,6 +100,15 @@ inline int problemLines() {
 // The "<method> Error" lines of transport failures.
 inline int errorLines(const std::string& method) {
     return LogCapture::countExact(method + " Error", ANDROID_LOG_ERROR, kVistrelTag);
+}
+
+// `call` with a null argument `name` stops the process with the CHECK line of `file`, logged under
+// that file's tag (the entry points' file has a tag of its own).
+inline void expectNullCheck(const std::function<void()>& call, const std::string& file,
+                            const std::string& name) {
+    const std::string tag = file == "HDMIWrapper.cpp" ? "VistrelWrapper" : kVistrelTag;
+    EXPECT_DEATH(call(), tag + ": .*" + file + ":[0-9]+: CHECK\\(" + name + " != NULL\\) failed\\.")
+            << file << ": " << name;
 }
 
 // A value answer that can be given more than once (WillRepeatedly, ON_CALL),
