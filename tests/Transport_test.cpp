@@ -421,6 +421,7 @@ TEST(TransportFrameTest, WaitingCallsHoldNoMoreThreadsThanThePoolHas) {
         }));
         std::vector<int> clients;
         std::vector<sp<Connection>> served;
+        bool reached = true;  // every call sent so far has reached the gate
         for (int i = 0; i < kCalls; ++i) {
             int client = -1;
             served.push_back(servedPair(fake, &client, together ? frame(1, plugged) : ""));
@@ -428,9 +429,9 @@ TEST(TransportFrameTest, WaitingCallsHoldNoMoreThreadsThanThePoolHas) {
             clients.push_back(client);
             if (together) continue;
             ASSERT_TRUE(sendWithDescriptors(client, frame(1, plugged), {}));
-            if (i < kThreads) gate.awaitWaiters(i + 1);
+            if (i < kThreads && reached) reached = gate.awaitWaiters(i + 1);
         }
-        gate.awaitWaiters(kThreads);
+        EXPECT_TRUE(reached && gate.awaitWaiters(kThreads)) << most.load() << " calls inside";
         std::this_thread::sleep_for(200ms);  // time for a thread too many to take a call
         EXPECT_EQ(most.load(), kThreads);
         gate.open();

@@ -166,7 +166,7 @@ void ServingLoop::threadMain() {
     std::unique_lock<std::mutex> lock(mLock);
     for (;;) {
         const bool woken = mWake.wait_for(lock, kIdleThreadLife,
-                                          [this] { return !mLeading || !mJobs.empty(); });
+                                          [this] { return !mJobs.empty() || !mLeading; });
         if (!woken) {
             if (mThreads <= kMinPoolThreads) continue;
             --mIdle;
@@ -174,16 +174,19 @@ void ServingLoop::threadMain() {
             return;
         }
         --mIdle;
-        if (!mLeading) {
-            mLeading = true;
-            lead(lock);  // returns once the loop was handed on
-        } else {
+        // Calls the loop took already go before the loop reads more: a thread
+        // that took the loop instead would leave a taken call without a
+        // thread whenever the pool is at its bound.
+        if (!mJobs.empty()) {
             std::function<void()> job = std::move(mJobs.front());
             mJobs.pop_front();
             lock.unlock();
             job();
             job = nullptr;  // what it holds goes before the lock is taken again
             lock.lock();
+        } else {
+            mLeading = true;
+            lead(lock);  // returns once the loop was handed on
         }
         ++mIdle;
     }
@@ -205,10 +208,7 @@ void ServingLoop::lead(std::unique_lock<std::mutex>& lock) {
         std::function<void()> first = std::move(taken.front());
         for (size_t i = 1; i < taken.size(); ++i) mJobs.push_back(std::move(taken[i]));
         taken.clear();
-        if (!mJobs.empty()) {
-            while (mIdle < mJobs.size() && mThreads < kMaxPoolThreads) spawnLocked();
-            mWake.notify_all();
-        }
+        if (!mJobs.empty()) wakeForWorkLocked();
         const uint64_t turn = ++mTurn;
         mServingInLoop = true;
         mServingSince = std::chrono::steady_clock::now();
@@ -259,15 +259,21 @@ void ServingLoop::handLoopOnLocked() {
     // A call served in the loop takes long: the loop goes to another thread.
     mServingInLoop = false;
     mLeading = false;
-    if (mIdle == 0 && mThreads < kMaxPoolThreads) spawnLocked();
+    wakeForWorkLocked();
+}
+
+void ServingLoop::wakeForWorkLocked() {
+    // A thread for each waiting job and one for the loop when nobody has it,
+    // as far as the bound allows; threads counted idle may not have woken yet.
+    const size_t wanted = mJobs.size() + (mLeading ? 0 : 1);
+    while (mIdle < wanted && mThreads < kMaxPoolThreads) spawnLocked();
     mWake.notify_all();
 }
 
 void ServingLoop::run(std::function<void()> job) {
     std::lock_guard<std::mutex> guard(mLock);
     mJobs.push_back(std::move(job));
-    while (mIdle < mJobs.size() && mThreads < kMaxPoolThreads) spawnLocked();
-    mWake.notify_all();
+    wakeForWorkLocked();
 }
 
 // ---------------------------------------------------------------------------

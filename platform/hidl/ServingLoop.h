@@ -22,9 +22,10 @@
 // thread when a call takes longer than a moment, so a slow call delays no
 // other connection: the leader only notes when its call began (no system
 // call), and the watchdog looks at that every moment while calls come, and
-// sleeps once they stop. Other calls taken at once go to idle
-// threads; threads are added while calls wait (up to kMaxPoolThreads) and
-// leave after a while idle.
+// sleeps once they stop. Other calls taken at once go to idle threads, which
+// serve them before any of them takes the loop; threads are added while calls
+// wait or the loop has no leader (up to kMaxPoolThreads) and leave after a
+// while idle.
 
 #pragma once
 
@@ -87,6 +88,9 @@ class ServingLoop {
     // was served at the loop for a while. Under mLock.
     bool callsComing();
     void handLoopOnLocked();
+    // Wakes idle threads for the waiting jobs and a loop without a leader,
+    // adding threads where too few are idle. Under mLock.
+    void wakeForWorkLocked();
 
     class ConnectionWatch;
     class ListenerWatch;

@@ -18,6 +18,7 @@
 
 #include <stdlib.h>
 
+#include <chrono>
 #include <mutex>
 
 namespace mirova::test {
@@ -97,9 +98,9 @@ void Gate::wait() {
     --mWaiters;
 }
 
-void Gate::awaitWaiters(int n) {
+bool Gate::awaitWaiters(int n) {
     std::unique_lock<std::mutex> guard(mLock);
-    mChanged.wait(guard, [this, n] { return mWaiters >= n; });
+    return mChanged.wait_for(guard, std::chrono::seconds(30), [this, n] { return mWaiters >= n; });
 }
 
 }  // namespace mirova::test

@@ -148,8 +148,9 @@ class Gate {
   public:
     void open();
     void wait();
-    // Waits until `n` callers are waiting at the gate.
-    void awaitWaiters(int n);
+    // Waits until `n` callers are waiting at the gate: false when they were
+    // not, after 30 s.
+    bool awaitWaiters(int n);
 
   private:
     std::mutex mLock;
