@@ -723,24 +723,6 @@ TEST_F(EmulatorTest, OutputFormatAndSettingsFollowWhatTheSinkTakes) {
 
 using Caller = HdmiUtilEmulator::Caller;
 using ::vendor::mirova::hdmiutil::common::V1_0::hHDRContentTopo;
-using ::vendor::mirova::hdmiutil::provider::V1_0::IHdmiUtilCallback;
-
-// A client's callback that counts the death links held on it.
-struct LinkCountingCallback : IHdmiUtilCallback {
-    ::android::hardware::Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t,
-                                                  int64_t) override {
-        return ::android::hardware::Void();
-    }
-    ::android::hardware::Return<bool> linkToDeath(
-            const sp<::android::hardware::hidl_death_recipient>&, uint64_t) override {
-        return ++links > 0;
-    }
-    ::android::hardware::Return<bool> unlinkToDeath(
-            const sp<::android::hardware::hidl_death_recipient>&) override {
-        return --links >= 0;
-    }
-    int links = 0;
-};
 
 class ClientStateTest : public ::testing::Test {
   protected:

@@ -135,12 +135,6 @@ class MockRecipient : public hidl_death_recipient {
     MOCK_METHOD(void, serviceDied, (uint64_t, const wp<IBase>&), (override));
 };
 
-struct NullCallback : public IHdmiUtilCallback {
-    Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t, int64_t) override {
-        return Void();
-    }
-};
-
 class ServiceRegistryTest : public ::testing::Test {
   protected:
     void SetUp() override { TearDown(); }
@@ -170,7 +164,7 @@ TEST_F(ServiceRegistryTest, LookupFindsTheLiveServiceWhoseProxyForwardsUntilItDi
     EXPECT_EQ(IHdmiUtil::tryGetService("secondary"), nullptr);
     // Checked casts follow the interface chain, through the proxy.
     EXPECT_EQ(static_cast<sp<IHdmiUtil>>(IHdmiUtil::castFrom(sp<IBase>(proxy))), proxy);
-    sp<IBase> callback = new NullCallback();
+    sp<IBase> callback = new LinkCountingCallback();
     EXPECT_EQ(static_cast<sp<IHdmiUtil>>(IHdmiUtil::castFrom(callback)), nullptr);
     EXPECT_NE(static_cast<sp<IHdmiUtilCallback>>(IHdmiUtilCallback::castFrom(callback)), nullptr);
     EXPECT_CALL(*fake, getPropVal(9)).WillOnce(::testing::Return(Return<int32_t>(7)));
