@@ -179,13 +179,6 @@ constexpr int kDvFlags = 0x100;
 constexpr const char* kHdr4kProperty = "persist.vendor.mirova.hdmi.4k.hdr";
 constexpr const char* kHdr8bitProperty = "persist.vendor.mirova.hdmi.8bit.hdr";
 
-// A system property's value, or "<unset>".
-std::string systemProperty(const char* key) {
-    char value[PROPERTY_VALUE_MAX];
-    property_get(key, value, "<unset>");
-    return value;
-}
-
 class DolbyVisionTest : public InstanceTest {
   protected:
     void SetUp() override {
@@ -260,18 +253,18 @@ TEST_F(Hdr4kSyncTest, WritesOnlyWhenPropertyAndServiceDiffer) {
             // In order: the 8-bit property is checked as each write arrives.
             InSequence order;
             EXPECT_CALL(*fake, clearOneStepInfo()).WillOnce(Invoke([] {
-                EXPECT_EQ(systemProperty(kHdr8bitProperty), "<unset>");
+                EXPECT_EQ(propertyValue(kHdr8bitProperty, "<unset>"), "<unset>");
                 return Void();
             }));
             EXPECT_CALL(*fake, setPropVal(9, written)).WillOnce(Invoke([written](int32_t, int32_t) {
-                EXPECT_EQ(systemProperty(kHdr8bitProperty), std::to_string(written));
+                EXPECT_EQ(propertyValue(kHdr8bitProperty, "<unset>"), std::to_string(written));
                 return Void();
             }));
         }
         LogCapture::clear();
         ASSERT_NE(createLib(), nullptr);
         EXPECT_EQ(LogCapture::countExact(row[2], ANDROID_LOG_INFO, kVistrelTag), 1);
-        EXPECT_EQ(systemProperty(kHdr8bitProperty),
+        EXPECT_EQ(propertyValue(kHdr8bitProperty, "<unset>"),
                   written < 0 ? "<unset>" : std::to_string(written));
     }
 }

@@ -225,14 +225,6 @@ class PropertyStoreTest : public ::testing::Test {
     void SetUp() override { property_host_clear(); }
     void TearDown() override { property_host_clear(); }
 
-    // property_get into a buffer of garbage: it must end the value and return its length.
-    static std::string get(const char* key, const char* defaultValue) {
-        char value[PROPERTY_VALUE_MAX];
-        memset(value, 'x', sizeof(value));
-        const int length = property_get(key, value, defaultValue);
-        EXPECT_EQ(length, static_cast<int>(strlen(value)));
-        return value;
-    }
     // A table field: "c*N" stands for N times the character c.
     static std::string expand(const std::string& field) {
         return field.find('*') == 1 ? std::string(std::stoul(field.substr(2)), field[0]) : field;
@@ -248,7 +240,7 @@ TEST_F(PropertyStoreTest, StepsAndTypedReadsGiveWhatTheTablesSay) {
         if (row[0] == "set") {
             EXPECT_EQ(property_set(row[1].c_str(), value.c_str()), num(row[3])) << row[1];
         } else if (row[0] == "get") {
-            EXPECT_EQ(get(row[1].c_str(), row[2] == "(null)" ? nullptr : value.c_str()),
+            EXPECT_EQ(propertyValue(row[1].c_str(), row[2] == "(null)" ? nullptr : value.c_str()),
                       expand(row[3]))
                     << row[1];
         } else {
@@ -290,7 +282,7 @@ TEST_F(PropertyStoreTest, ConcurrentWritersAndReadersNeverSeeTornValues) {
                 property_set(kKey, run(static_cast<char>('a' + (i * 7 + w) % 26)).c_str());
                 const std::string own = std::to_string(w * 20000 + i);
                 property_set(("vendor.mirova.test." + own).c_str(), own.c_str());
-                torn += get(("vendor.mirova.test." + own).c_str(), "") != own;
+                torn += propertyValue(("vendor.mirova.test." + own).c_str(), "") != own;
             }
         });
     }

@@ -25,6 +25,7 @@
 #include <Vistrel.h>
 #include <VistrelLib.h>
 #include <android/log.h>
+#include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -63,6 +64,15 @@ inline int num(const std::string& field) {
     return static_cast<int>(std::stoll(field, nullptr, 0));
 }
 std::vector<int32_t> nums(const std::string& field);
+
+// property_get into a buffer of garbage, checked to end the value and return its length.
+inline std::string propertyValue(const char* key, const char* defaultValue) {
+    char value[PROPERTY_VALUE_MAX];
+    memset(value, 'x', sizeof(value));
+    const int length = property_get(key, value, defaultValue);
+    EXPECT_EQ(length, static_cast<int>(strlen(value))) << key;
+    return value;
+}
 
 // Resets the process-wide state the library and the stand-ins keep.
 void resetPlatform();
