@@ -107,12 +107,10 @@ TEST_F(OutputFormatTest, ReadsWriteTheCallerRecordOnlyOnSuccess) {
 
 TEST_F(OutputFormatTest, NullRecordIsFatal) {
     for (const ReadOperation& read : kReads) {
-        EXPECT_DEATH(read.call(nullptr),
-                     "HDMI-HIDL-Vistrel: .*OutputFormat.cpp:[0-9]+: CHECK\\(fmt != NULL\\) failed");
+        expectNullCheck([&read] { read.call(nullptr); }, "OutputFormat.cpp", "fmt");
     }
-    EXPECT_DEATH(hdmi_setOutputFormat(nullptr, 0),
-                 "VistrelWrapper: .*HDMIWrapper.cpp:[0-9]+: CHECK\\(fmt != NULL\\) failed\\.");
-    EXPECT_DEATH(hdmi_saveOutputFormat(nullptr), "HDMIWrapper.cpp:[0-9]+: CHECK\\(fmt != NULL\\)");
+    expectNullCheck([] { hdmi_setOutputFormat(nullptr, 0); }, "HDMIWrapper.cpp", "fmt");
+    expectNullCheck([] { hdmi_saveOutputFormat(nullptr); }, "HDMIWrapper.cpp", "fmt");
 }
 
 TEST_F(OutputFormatTest, ComposerSwitchOffIsReadOnceAndSendsHdrModeTwo) {
@@ -180,13 +178,6 @@ TEST_F(OutputFormatTest, ComposerContentTypeChangesOnlyThatField) {
 constexpr int kDvFlags = 0x100;
 constexpr const char* kHdr4kProperty = "persist.vendor.mirova.hdmi.4k.hdr";
 constexpr const char* kHdr8bitProperty = "persist.vendor.mirova.hdmi.8bit.hdr";
-
-// A system property's value, or "<unset>".
-std::string systemProperty(const char* key) {
-    char value[PROPERTY_VALUE_MAX];
-    property_get(key, value, "<unset>");
-    return value;
-}
 
 class DolbyVisionTest : public InstanceTest {
   protected:
@@ -262,18 +253,18 @@ TEST_F(Hdr4kSyncTest, WritesOnlyWhenPropertyAndServiceDiffer) {
             // In order: the 8-bit property is checked as each write arrives.
             InSequence order;
             EXPECT_CALL(*fake, clearOneStepInfo()).WillOnce(Invoke([] {
-                EXPECT_EQ(systemProperty(kHdr8bitProperty), "<unset>");
+                EXPECT_EQ(propertyValue(kHdr8bitProperty, "<unset>"), "<unset>");
                 return Void();
             }));
             EXPECT_CALL(*fake, setPropVal(9, written)).WillOnce(Invoke([written](int32_t, int32_t) {
-                EXPECT_EQ(systemProperty(kHdr8bitProperty), std::to_string(written));
+                EXPECT_EQ(propertyValue(kHdr8bitProperty, "<unset>"), std::to_string(written));
                 return Void();
             }));
         }
         LogCapture::clear();
         ASSERT_NE(createLib(), nullptr);
         EXPECT_EQ(LogCapture::countExact(row[2], ANDROID_LOG_INFO, kVistrelTag), 1);
-        EXPECT_EQ(systemProperty(kHdr8bitProperty),
+        EXPECT_EQ(propertyValue(kHdr8bitProperty, "<unset>"),
                   written < 0 ? "<unset>" : std::to_string(written));
     }
 }

@@ -135,12 +135,6 @@ class MockRecipient : public hidl_death_recipient {
     MOCK_METHOD(void, serviceDied, (uint64_t, const wp<IBase>&), (override));
 };
 
-struct NullCallback : public IHdmiUtilCallback {
-    Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t, int64_t) override {
-        return Void();
-    }
-};
-
 class ServiceRegistryTest : public ::testing::Test {
   protected:
     void SetUp() override { TearDown(); }
@@ -170,7 +164,7 @@ TEST_F(ServiceRegistryTest, LookupFindsTheLiveServiceWhoseProxyForwardsUntilItDi
     EXPECT_EQ(IHdmiUtil::tryGetService("secondary"), nullptr);
     // Checked casts follow the interface chain, through the proxy.
     EXPECT_EQ(static_cast<sp<IHdmiUtil>>(IHdmiUtil::castFrom(sp<IBase>(proxy))), proxy);
-    sp<IBase> callback = new NullCallback();
+    sp<IBase> callback = new LinkCountingCallback();
     EXPECT_EQ(static_cast<sp<IHdmiUtil>>(IHdmiUtil::castFrom(callback)), nullptr);
     EXPECT_NE(static_cast<sp<IHdmiUtilCallback>>(IHdmiUtilCallback::castFrom(callback)), nullptr);
     EXPECT_CALL(*fake, getPropVal(9)).WillOnce(::testing::Return(Return<int32_t>(7)));
@@ -231,14 +225,6 @@ class PropertyStoreTest : public ::testing::Test {
     void SetUp() override { property_host_clear(); }
     void TearDown() override { property_host_clear(); }
 
-    // property_get into a buffer of garbage: it must end the value and return its length.
-    static std::string get(const char* key, const char* defaultValue) {
-        char value[PROPERTY_VALUE_MAX];
-        memset(value, 'x', sizeof(value));
-        const int length = property_get(key, value, defaultValue);
-        EXPECT_EQ(length, static_cast<int>(strlen(value)));
-        return value;
-    }
     // A table field: "c*N" stands for N times the character c.
     static std::string expand(const std::string& field) {
         return field.find('*') == 1 ? std::string(std::stoul(field.substr(2)), field[0]) : field;
@@ -254,7 +240,7 @@ TEST_F(PropertyStoreTest, StepsAndTypedReadsGiveWhatTheTablesSay) {
         if (row[0] == "set") {
             EXPECT_EQ(property_set(row[1].c_str(), value.c_str()), num(row[3])) << row[1];
         } else if (row[0] == "get") {
-            EXPECT_EQ(get(row[1].c_str(), row[2] == "(null)" ? nullptr : value.c_str()),
+            EXPECT_EQ(propertyValue(row[1].c_str(), row[2] == "(null)" ? nullptr : value.c_str()),
                       expand(row[3]))
                     << row[1];
         } else {
@@ -296,7 +282,7 @@ TEST_F(PropertyStoreTest, ConcurrentWritersAndReadersNeverSeeTornValues) {
                 property_set(kKey, run(static_cast<char>('a' + (i * 7 + w) % 26)).c_str());
                 const std::string own = std::to_string(w * 20000 + i);
                 property_set(("vendor.mirova.test." + own).c_str(), own.c_str());
-                torn += get(("vendor.mirova.test." + own).c_str(), "") != own;
+                torn += propertyValue(("vendor.mirova.test." + own).c_str(), "") != own;
             }
         });
     }

@@ -134,15 +134,11 @@ TEST_F(SettingsTest, VrrTableOnlyWhenTheSinkRangeReachesThresholds) {
     }
     ASSERT_NE(table, nullptr);
     ASSERT_EQ(table->groupNum, 4);
-    const int32_t rows[4][5] = {{1920, 1080, 60, 50, 48},
-                                {1920, 1080, 59, 49, 47},
-                                {3840, 2160, 60, 50, 48},
-                                {3840, 2160, 59, 49, 47}};
-    _HDMI_VRR_GROUP want[4] = {};  // three timings each, fastest first; the rest zero
-    for (int g = 0; g < 4; ++g) {
-        want[g].timingNum = 3;
-        for (int t = 0; t < 3; ++t) want[g].timings[t] = {rows[g][0], rows[g][1], rows[g][2 + t]};
-    }
+    // Three timings a group, fastest first; the rest zero.
+    const _HDMI_VRR_GROUP want[4] = {{{{1920, 1080, 60}, {1920, 1080, 50}, {1920, 1080, 48}}, 3},
+                                     {{{1920, 1080, 59}, {1920, 1080, 49}, {1920, 1080, 47}}, 3},
+                                     {{{3840, 2160, 60}, {3840, 2160, 50}, {3840, 2160, 48}}, 3},
+                                     {{{3840, 2160, 59}, {3840, 2160, 49}, {3840, 2160, 47}}, 3}};
     EXPECT_EQ(memcmp(table->groups, want, sizeof(want)), 0);
 }
 

@@ -138,10 +138,8 @@ TEST_F(TopologyTest, HandleTopoInfoComparesValidEntriesAndKeepsToTheRecord) {
     ASSERT_EQ(texts.size(), 2u);
     EXPECT_EQ(texts[0], "3: 1,2,3,4/5/1");
     EXPECT_EQ(sent[1].instances.size(), 16u);
-    EXPECT_DEATH(lib->handleTopoInfo(nullptr, &stored),
-                 "Topology\\.cpp:[0-9]+: CHECK\\(t1 != NULL\\) failed\\.");
-    EXPECT_DEATH(lib->handleTopoInfo(&stored, nullptr),
-                 "Topology\\.cpp:[0-9]+: CHECK\\(t2 != NULL\\) failed\\.");
+    expectNullCheck([&] { lib->handleTopoInfo(nullptr, &stored); }, "Topology.cpp", "t1");
+    expectNullCheck([&] { lib->handleTopoInfo(&stored, nullptr); }, "Topology.cpp", "t2");
 }
 
 TEST_F(TopologyTest, DumpNamesProducerAndListsValidEntries) {

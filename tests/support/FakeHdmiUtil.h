@@ -96,6 +96,21 @@ class FakeHdmiUtil : public ::testing::NiceMock<MockHdmiUtil> {
     const std::shared_ptr<emulator::EventDispatcher> mEvents = emulator::EventDispatcher::start();
 };
 
+// A client's callback that takes every event and counts the death links held on it.
+struct LinkCountingCallback : IHdmiUtilCallback {
+    Return<void> handleEvent(int32_t, int32_t, int32_t, int32_t, int64_t) override {
+        return Void();
+    }
+    Return<bool> linkToDeath(const sp<::android::hardware::hidl_death_recipient>&,
+                             uint64_t) override {
+        return ++links > 0;
+    }
+    Return<bool> unlinkToDeath(const sp<::android::hardware::hidl_death_recipient>&) override {
+        return --links >= 0;
+    }
+    int links = 0;
+};
+
 // --- Actions ----------------------------------------------------------------
 
 // A transport failure in any result form.

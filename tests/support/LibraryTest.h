@@ -25,10 +25,12 @@
 #include <Vistrel.h>
 #include <VistrelLib.h>
 #include <android/log.h>
+#include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -62,6 +64,15 @@ inline int num(const std::string& field) {
     return static_cast<int>(std::stoll(field, nullptr, 0));
 }
 std::vector<int32_t> nums(const std::string& field);
+
+// property_get into a buffer of garbage, checked to end the value and return its length.
+inline std::string propertyValue(const char* key, const char* defaultValue) {
+    char value[PROPERTY_VALUE_MAX];
+    memset(value, 'x', sizeof(value));
+    const int length = property_get(key, value, defaultValue);
+    EXPECT_EQ(length, static_cast<int>(strlen(value))) << key;
+    return value;
+}
 
 // Resets the process-wide state the library and the stand-ins keep.
 void resetPlatform();
@@ -99,6 +110,15 @@ inline int problemLines() {
 // The "<method> Error" lines of transport failures.
 inline int errorLines(const std::string& method) {
     return LogCapture::countExact(method + " Error", ANDROID_LOG_ERROR, kVistrelTag);
+}
+
+// `call` with a null argument `name` stops the process with the CHECK line of `file`, logged under
+// that file's tag (the entry points' file has a tag of its own).
+inline void expectNullCheck(const std::function<void()>& call, const std::string& file,
+                            const std::string& name) {
+    const std::string tag = file == "HDMIWrapper.cpp" ? "VistrelWrapper" : kVistrelTag;
+    EXPECT_DEATH(call(), tag + ": .*" + file + ":[0-9]+: CHECK\\(" + name + " != NULL\\) failed\\.")
+            << file << ": " << name;
 }
 
 // A value answer that can be given more than once (WillRepeatedly, ON_CALL),
